@@ -1,0 +1,71 @@
+// Cache of parsed tag lists keyed by file name, the file naming rule, and the
+// find-or-build-and-check step shared by the read, write and batch entries.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "plc_driver.h"
+#include "tags/tag_list.h"
+
+namespace plc {
+
+struct TagTable {
+    std::string name;
+    std::vector<TagEntry> tag_str;
+    std::vector<IndexedGroup> indexedtag_table;
+    uint32_t tag_num = 0;
+    uint32_t max_index_id = 0;
+};
+
+// Newest table first; tables are never removed except by init_tag.
+struct TagTableCache {
+    std::list<TagTable> tables;
+};
+
+extern TagTableCache g_plc_tags;
+
+void init_tag(TagTableCache &head);
+int add_tagtable(TagTableCache &head, const char *name, std::vector<TagEntry> &&tag_str,
+                 std::vector<IndexedGroup> &&indexedtag_table, const uint32_t counts[2]);
+TagTable *get_tagtable(TagTableCache &head, const char *name);
+
+constexpr size_t kCsvNameSize = 50;
+void get_csv_name(const DriverSettings *settings, const PlcRequest *request, char *buffer);
+void get_csv_name1(const DriverSettings *settings, const PlcRequest *request, char *buffer);
+
+// Tag id and element index of a request; a high part of 0..3 is written back as 0.
+uint32_t compose_tag_id(PlcRequest &request);
+inline uint32_t element_index(const PlcRequest &request) { return request.address & 0xFFFFu; }
+
+// The entry of a tag id (plain: tag_str[id]; indexed: through groupID_table),
+// or nullptr when the id is outside the table or its group.
+const TagEntry *find_entry(const TagTable &table, uint32_t tag_id);
+// The group an indexed tag id belongs to, or nullptr.
+const IndexedGroup *find_group(const TagTable &table, uint32_t tag_id);
+
+// Line numbers printed by one entry's table messages.
+struct TagLookupLines {
+    int build_failed;
+    int add_failed;
+    int plain_missing;
+    int indexed_missing;
+};
+
+// Steps shared by the three request entries: form the tag list name from the
+// settings and the request, find the table in g_plc_tags or build and add it.
+// Returns the table, or nullptr after printing the entry's message (the entry
+// then returns 3). `batch` selects the batch entry's rules (an empty list counts
+// as a failure). The file name is left in name_out (kCsvNameSize bytes).
+TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcRequest &request,
+                                 const TagLookupLines &lines, bool batch, char *name_out);
+
+// Checks a tag id against the table's bounds and prints the entry's "not exist"
+// message when it fails: single entries name the file, the batch entry prints
+// tag_num or max_index_id. Returns true when the id passes.
+bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
+                  const TagLookupLines &lines, bool batch);
+
+} // namespace plc
