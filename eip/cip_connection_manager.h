@@ -2,6 +2,7 @@
 // Large_Forward_Open and Forward_Close of the driver's class-3 connection.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -22,6 +23,24 @@ constexpr uint32_t _OriginatorSerialNumber = 0xC0A8015A;
 constexpr uint8_t _Priority_1 = 5;
 constexpr uint8_t _TimeOut_Ticks_1 = 0xF7;
 
+// Connection manager (class 0x06, instance 1): where Forward_Open and
+// Forward_Close are sent.
+inline constexpr std::array<uint8_t, 4> CM_PATH{0x20, 0x06, 0x24, 0x01};
+// Port 1, link 0, then the message router (class 0x02, instance 1): the
+// connection path.
+inline constexpr std::array<uint8_t, 6> ROUTER_PATH{0x01, 0x00, 0x20, 0x02, 0x24, 0x01};
+
+constexpr uint8_t kServiceLargeForwardOpen = 0x5B;
+constexpr uint8_t kServiceForwardClose = 0x4E;
+constexpr uint32_t kConnParamsDefault = 0x43F807CC;
+constexpr uint32_t kConnParamsModes12 = 0x00004302;
+
+// A message-router request (service, path size in words, path, data) and a
+// message-router reply (reply service, reserved, general status, additional
+// status size in words, additional status, response data).
+using MrRequest = std::vector<uint8_t>;
+using MrReply = std::vector<uint8_t>;
+
 struct CipConnection {
     EipSession *eip_session = nullptr;
     uint16_t conn_serial = 0;
@@ -35,6 +54,50 @@ struct CipConnection {
     std::vector<uint8_t> path;
 };
 
+// Builds a message-router request; *total_size (when given) receives its size.
+// None when the path cannot be described in words (over 510 bytes) or the
+// request would not fit in one data item.
+std::optional<MrRequest> _BuildMRRequest(uint8_t service, const uint8_t *path, size_t path_len,
+                                         const uint8_t *data, size_t data_len,
+                                         size_t *total_size);
+
+// Sends an unconnected request in SendRRData and returns a copy of the
+// message-router reply found in the answer's data item (its size also in
+// *reply_size when given), or none.
+std::optional<MrReply> _ExSendMRRequest(EipSession &session, const uint8_t *request, size_t size,
+                                        size_t *reply_size);
+std::optional<MrReply> _SendMRRequest(EipSession &session, uint8_t service, const uint8_t *path,
+                                      size_t path_len, const uint8_t *data, size_t data_len,
+                                      size_t *reply_size);
+
+// Offset and size of the message-router reply inside a received message's
+// data item; none when there is no data item or the reply would not fit in it.
+std::optional<size_t> _GetMRReply(const EipMessage &message);
+std::optional<size_t> _GetMRReplySize(const EipMessage &message);
+// Offset of the response data in a message-router reply; none when the reply
+// is too short for its fixed part and additional status, or carries no data.
+std::optional<size_t> _GetMRData(const MrReply &reply);
+
+// Large_Forward_Open; the new connection, or none when refused or unanswered.
+std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priority,
+                                             uint8_t ticks, uint32_t to_conn_id,
+                                             uint16_t conn_serial, uint16_t vendor_id,
+                                             uint32_t orig_serial, uint8_t timeout_multiplier,
+                                             uint32_t rpi, uint32_t conn_params,
+                                             uint8_t transport, const uint8_t *path,
+                                             uint8_t path_len);
+
+// Forward_Close of the connection with this triple; the reply's general
+// status (0 = closed) or -1 when no usable reply came.
+int _ExForward_Close(EipSession &session, uint8_t priority, uint8_t ticks, uint16_t conn_serial,
+                     uint16_t vendor_id, uint32_t orig_serial, const uint8_t *path,
+                     uint8_t path_len);
+
+// Closes any connection an earlier run left under the same triple, then opens
+// a new one. Priority, ticks, timeout multiplier and transport come from the
+// module settings above, as do the Forward_Open's vendor id and originator
+// serial; the vendor id and originator serial arguments go into the
+// Forward_Close. Modes 1 and 2 only change the connection parameters.
 std::unique_ptr<CipConnection> _ConnectPLCOverCNET(
     EipSession &session, int mode, uint8_t priority, uint8_t ticks, uint32_t to_conn_id,
     uint16_t conn_serial, uint16_t vendor_id, uint32_t orig_serial, uint8_t timeout_multiplier,

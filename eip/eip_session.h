@@ -6,8 +6,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <netinet/in.h>
 #include <optional>
 #include <vector>
+
+#include "eip/wire.h"
 
 namespace plc {
 
@@ -32,6 +35,11 @@ struct EncapHeader {
 };
 // Decodes the header at the start of a message; none when fewer than 24 bytes.
 std::optional<EncapHeader> ParseEncapHeader(const uint8_t *data, size_t size);
+// Encodes the 24-byte header; the writer reports whether it fitted.
+void WriteEncapHeader(wire::Writer &out, const EncapHeader &header);
+
+// Bytes one discard of stale input reads at most.
+constexpr size_t kCipEmptyBuffSize = 512;
 
 struct EipSession {
     int32_t sock = -1;
@@ -43,8 +51,8 @@ struct EipSession {
 std::unique_ptr<EipSession> _OpenSession(const char *host, uint16_t port, int buffer_size,
                                          int32_t timeout_us);
 int _CipOpenSock(const char *host, uint16_t port);
-struct sockaddr_in;
-int Set_NoBlock(int sock, const sockaddr_in &address);
+// Connects with a 30 ms limit; 0 when connected, -1 (socket closed) when not.
+int Set_NoBlock(int sock, const ::sockaddr_in &address);
 int32_t RegisterSession(EipSession &session);
 long UnRegisterSession(EipSession &session);
 // Closes the socket and frees the session.
