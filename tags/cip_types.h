@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 namespace plc {
 
@@ -24,6 +25,7 @@ const char *type2str(uint32_t code);
 uint32_t type2bits(uint32_t code);
 // Exact, case-sensitive name lookup; nullptr when the text names no type.
 const CipType *find_type_by_name(const char *name);
+const CipType *find_type_by_name(std::string_view name);
 // LINT, ULINT, LREAL and LWORD: presented to the host as pairs of 32-bit words.
 constexpr bool is_double_word_type(uint32_t code) {
     return (code & 0xFFFDu) == 0xC9u || code == 0xC5u || code == 0xD4u;

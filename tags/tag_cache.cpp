@@ -1,0 +1,192 @@
+#include "tags/tag_cache.h"
+
+#include <cstdio>
+#include <new>
+
+namespace plc {
+
+TagTableCache g_plc_tags;
+
+namespace {
+
+constexpr uint32_t kIdBlockShift = 13;
+constexpr uint32_t kFirstIndexedBlock = PLC_INDEXED_TAG_BASE >> kIdBlockShift;
+
+void print_not_exist(uint32_t tag_id, const char *file_name, int line) {
+    std::printf("[PLC] ");
+    std::printf("tag id %u is not exist in this tag list %s", tag_id, file_name);
+    std::printf(", at line: %d\r\n", line);
+}
+
+void print_not_exist(uint32_t tag_id, uint32_t bound, int line) {
+    std::printf("[PLC] ");
+    std::printf("tag id %u is not exist in this tag list %u", tag_id, bound);
+    std::printf(", at line: %d\r\n", line);
+}
+
+} // namespace
+
+void init_tag(TagTableCache &head) {
+    // A new initialisation reads every list again; the tables of the earlier one
+    // are released here (nothing keeps a table or entry pointer across calls).
+    head.tables.clear();
+}
+
+int add_tagtable(TagTableCache &head, const char *name, std::vector<TagEntry> &&tag_str,
+                 std::vector<IndexedGroup> &&indexedtag_table, const uint32_t counts[2]) {
+    // The record is made in a list of its own and spliced in only when complete,
+    // so a failed allocation leaves the cache as it was and the arrays with the
+    // caller.
+    std::list<TagTable> record;
+    try {
+        record.emplace_back();
+    } catch (const std::bad_alloc &) {
+        std::printf("[PLC] malloc plc_tag failed at line %d\r\n", 553);
+        return -1;
+    }
+    try {
+        record.front().name = name != nullptr ? name : "";
+    } catch (const std::bad_alloc &) {
+        std::printf("[PLC] malloc name failed at line %d\r\n", 558);
+        return -2;
+    }
+    TagTable &table = record.front();
+    table.tag_str = std::move(tag_str);
+    table.indexedtag_table = std::move(indexedtag_table);
+    table.tag_num = counts != nullptr ? counts[0] : 0;
+    table.max_index_id = counts != nullptr ? counts[1] : 0;
+    head.tables.splice(head.tables.begin(), record);
+    return 1;
+}
+
+TagTable *get_tagtable(TagTableCache &head, const char *name) {
+    if (name == nullptr) {
+        return nullptr;
+    }
+    for (TagTable &table : head.tables) {
+        if (table.name == name) {
+            return &table;
+        }
+    }
+    return nullptr;
+}
+
+void get_csv_name(const DriverSettings *settings, const PlcRequest *request, char *buffer) {
+    if (buffer == nullptr) {
+        return;
+    }
+    // Without settings (an entry called before wk_plc_init) no list can be named;
+    // the empty name then fails to open with the usual messages.
+    if (settings == nullptr || request == nullptr) {
+        buffer[0] = '\0';
+        return;
+    }
+    std::snprintf(buffer, kCsvNameSize, "PLC%X_%u.csv", static_cast<unsigned>(settings->ip_address),
+                  static_cast<unsigned>(request->device));
+}
+
+void get_csv_name1(const DriverSettings *settings, const PlcRequest *request, char *buffer) {
+    get_csv_name(settings, request, buffer);
+}
+
+uint32_t compose_tag_id(PlcRequest &request) {
+    if (request.tag_high >= 4) {
+        return (static_cast<uint32_t>(request.tag_high) << 16) | (request.address >> 16);
+    }
+    request.tag_high = 0;
+    return request.address >> 16;
+}
+
+const IndexedGroup *find_group(const TagTable &table, uint32_t tag_id) {
+    if (tag_id < PLC_INDEXED_TAG_BASE) {
+        return nullptr;
+    }
+    const uint32_t slot = (tag_id >> kIdBlockShift) - kFirstIndexedBlock;
+    if (slot >= groupID_table.size()) {
+        return nullptr;
+    }
+    // The slot may hold a group number written by another list: every step is
+    // checked, and an id outside the group it leads to is not found.
+    const uint32_t g = groupID_table[slot];
+    if (g >= table.indexedtag_table.size()) {
+        return nullptr;
+    }
+    const IndexedGroup &group = table.indexedtag_table[g];
+    if (group.tags.empty() || tag_id < group.tags[0].tag_id) {
+        return nullptr;
+    }
+    const uint32_t element = tag_id - group.tags[0].tag_id;
+    if (element >= group.count || element >= group.tags.size()) {
+        return nullptr;
+    }
+    return &group;
+}
+
+const TagEntry *find_entry(const TagTable &table, uint32_t tag_id) {
+    if (tag_id < PLC_INDEXED_TAG_BASE) {
+        return tag_id < table.tag_str.size() ? &table.tag_str[tag_id] : nullptr;
+    }
+    const IndexedGroup *group = find_group(table, tag_id);
+    if (group == nullptr) {
+        return nullptr;
+    }
+    return &group->tags[tag_id - group->tags[0].tag_id];
+}
+
+TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcRequest &request,
+                                 const TagLookupLines &lines, bool batch, char *name_out) {
+    char local_name[kCsvNameSize];
+    char *name = name_out != nullptr ? name_out : local_name;
+    if (batch) {
+        get_csv_name1(settings, &request, name);
+    } else {
+        get_csv_name(settings, &request, name);
+    }
+    if (TagTable *table = get_tagtable(g_plc_tags, name)) {
+        return table;
+    }
+
+    std::vector<TagEntry> tag_str;
+    std::vector<IndexedGroup> indexedtag_table;
+    const uint32_t *counts = build_tagtable(&tag_str, &indexedtag_table, name, groupID_table);
+    // The batch entry also takes a list without any tag for a failed build.
+    if (counts == nullptr || (batch && counts[0] == 0 && counts[1] == 0)) {
+        std::printf("[PLC] build tag table failed! at line %d\r\n", lines.build_failed);
+        return nullptr;
+    }
+    if (add_tagtable(g_plc_tags, name, std::move(tag_str), std::move(indexedtag_table), counts) <
+        0) {
+        std::printf("[PLC] add_tagtable failed! at line %d\r\n", lines.add_failed);
+        return nullptr;
+    }
+    return get_tagtable(g_plc_tags, name);
+}
+
+bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
+                  const TagLookupLines &lines, bool batch) {
+    // Tag ids from the host's records are at most 0xFFFF for plain tags, so the
+    // plain bound below is the same as the batch entry's "tag_num to 0x3FFFE";
+    // refusing 0x3FFFF as well keeps every id that passes inside the table.
+    if (tag_id < PLC_INDEXED_TAG_BASE) {
+        if (tag_id < table.tag_num) {
+            return true;
+        }
+        if (batch) {
+            print_not_exist(tag_id, table.tag_num, lines.plain_missing);
+        } else {
+            print_not_exist(tag_id, file_name != nullptr ? file_name : "", lines.plain_missing);
+        }
+        return false;
+    }
+    if (tag_id <= table.max_index_id) {
+        return true;
+    }
+    if (batch) {
+        print_not_exist(tag_id, table.max_index_id, lines.indexed_missing);
+    } else {
+        print_not_exist(tag_id, file_name != nullptr ? file_name : "", lines.indexed_missing);
+    }
+    return false;
+}
+
+} // namespace plc
