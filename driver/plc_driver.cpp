@@ -1,1 +1,121 @@
-// placeholder
+// The host's entry points. Each one is a barrier: no C++ exception leaves the
+// library, and pointers the host passes are checked before they are used.
+//
+// Refusals at the barrier:
+//  - a null pointer from the host returns 3 (a configuration error: the call
+//    cannot name anything), before any state changes;
+//  - an exception escaping a request entry (read, write, batch read) returns 2
+//    and clears `init`: the exchange may have been cut short, so the next call
+//    rebuilds the connection before it uses it again; the host retries a 2 on
+//    its next poll. An exception in the set-up entries returns 3.
+#include <cstdio>
+#include <exception>
+
+#include "driver/connection.h"
+#include "driver/plc_state.h"
+#include "engine/batch_read.h"
+#include "engine/single_request.h"
+#include "plc_driver.h"
+#include "tags/tag_cache.h"
+
+namespace plc {
+namespace {
+
+constexpr uint16_t kDriverInfoFirst = 236;
+constexpr uint16_t kDriverInfoSecond = 10;
+
+void report_exception(const char *entry, const char *what) {
+    std::printf("[PLC] %s aborted: %s\r\n", entry, what);
+}
+
+// Runs `body`, turning any exception into `status`; request entries also mark
+// the connection for rebuilding.
+template <typename Body>
+int32_t guarded(const char *entry, int32_t status, bool request_entry, Body &&body) noexcept {
+    try {
+        return body();
+    } catch (const std::exception &e) {
+        report_exception(entry, e.what());
+    } catch (...) {
+        report_exception(entry, "unknown exception");
+    }
+    if (request_entry) init = 0;
+    return status;
+}
+
+} // namespace
+} // namespace plc
+
+extern "C" {
+
+int32_t wk_plc_driver_info(DriverInfo *info) {
+    if (info == nullptr) return PLC_STATUS_CONFIG_ERROR;
+    info->first = plc::kDriverInfoFirst;
+    info->second = plc::kDriverInfoSecond;
+    return PLC_STATUS_OK;
+}
+
+int32_t wk_plc_init(DriverSettings *settings) {
+    if (settings == nullptr) return PLC_STATUS_CONFIG_ERROR;
+    return plc::guarded("wk_plc_init", PLC_STATUS_CONFIG_ERROR, false, [settings]() {
+        wk_srand();
+        const uint32_t a = settings->ip_address;
+        std::snprintf(plc::ip_buff, sizeof plc::ip_buff, "%u.%u.%u.%u", (a >> 24) & 0xFFu,
+                      (a >> 16) & 0xFFu, (a >> 8) & 0xFFu, a & 0xFFu);
+        std::printf("[PLC] ");
+        std::printf("server ip = %s", plc::ip_buff);
+        std::printf(", at line: %d\r\n", 678);
+        plc::init_tag(plc::g_plc_tags);
+        plc::label_reupdata = 1;
+        plc::g_s_settings = settings;
+        return int32_t{PLC_STATUS_OK};
+    });
+}
+
+int32_t wk_plc_init2(uint32_t /*unused1*/, uint32_t /*unused2*/, const uint8_t *device_port) {
+    if (device_port == nullptr) return PLC_STATUS_CONFIG_ERROR;
+    return plc::guarded("wk_plc_init2", PLC_STATUS_CONFIG_ERROR, false, [device_port]() {
+        plc::deviceport = *device_port;
+        plc::read_past_session();
+        return plc::OMRON_EIP_INIT(0);
+    });
+}
+
+int32_t wk_plc_read(PlcRequest *request, PlcData *data) {
+    if (request == nullptr || data == nullptr || data->buffer == nullptr) {
+        return PLC_STATUS_CONFIG_ERROR;
+    }
+    return plc::guarded("wk_plc_read", PLC_STATUS_COMM_FAILURE, true,
+                        [request, data]() { return plc::single_read(*request, *data); });
+}
+
+int32_t wk_plc_write(PlcRequest *request, PlcData *data) {
+    if (request == nullptr || data == nullptr || data->buffer == nullptr) {
+        return PLC_STATUS_CONFIG_ERROR;
+    }
+    return plc::guarded("wk_plc_write", PLC_STATUS_COMM_FAILURE, true,
+                        [request, data]() { return plc::write_entry(*request, *data); });
+}
+
+int32_t wk_OMRON_plc_read(PlcRequest *requests, int32_t count) {
+    // The batch names its tag list from the first record, even for a count of 0.
+    if (requests == nullptr) return PLC_STATUS_CONFIG_ERROR;
+    return plc::guarded("wk_OMRON_plc_read", PLC_STATUS_COMM_FAILURE, true,
+                        [requests, count]() { return plc::batch_read(requests, count); });
+}
+
+int32_t wk_OMRON_plc_register(void) { return PLC_STATUS_OK; }
+
+void wk_plc_slave_main(void) {
+    // The driver has no slave mode; the host's slave thread is parked here.
+    for (;;) {
+        try {
+            wk_sleep(5);
+            std::puts("PLC DRIVER : slave mode not support!\r");
+        } catch (...) {
+            // Nothing above throws; the loop must not end either way.
+        }
+    }
+}
+
+} // extern "C"

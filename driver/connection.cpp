@@ -1,0 +1,205 @@
+// Connection bring-up with the persisted serial number, and the recovery that
+// every request entry runs while the connection is down.
+#include "driver/connection.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "driver/plc_state.h"
+#include "eip/cip_connection_manager.h"
+#include "eip/eip_session.h"
+#include "eip/wire.h"
+#include "engine/handle_store.h"
+
+namespace plc {
+
+namespace {
+
+constexpr int kSessionBufferSize = 1024;
+constexpr int32_t kSessionTimeoutUs = 10000000;
+constexpr uint32_t kToConnectionId = 0x9D9D0029;
+constexpr uint32_t kRpiArgument = 7236;
+constexpr size_t kSessionFileNameSize = 32;
+
+// Closes a descriptor on every way out.
+class Fd {
+public:
+    explicit Fd(int fd) : fd_(fd) {}
+    ~Fd() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+int get_interface_IP(const char *name) {
+    const Fd sock(::socket(AF_INET, SOCK_DGRAM, 0));
+    if (sock.get() < 0) {
+        std::perror("socket");
+        return 3;
+    }
+    ifreq request{};
+    std::strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+    request.ifr_addr.sa_family = AF_INET;
+    if (::ioctl(sock.get(), SIOCGIFADDR, &request) < 0) {
+        std::perror("ioctl");
+        return 3;
+    }
+    sockaddr_in address{};
+    std::memcpy(&address, &request.ifr_addr, sizeof address);
+    char text[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    std::printf("Interface: %s, IP Address: %s\n", name, text);
+    const uint32_t host_order = ntohl(address.sin_addr.s_addr);
+    lastTwoOctets = ((host_order >> 8) & 0xFFu) * 256u + (host_order & 0xFFu);
+    std::printf("Last two octets in hex: 0x%.4x\n", lastTwoOctets);
+    return 0;
+}
+
+void session_file_name(char (&name)[kSessionFileNameSize]) {
+    std::snprintf(name, sizeof name, "session_%d.dat", static_cast<int>(deviceport));
+}
+
+// Closes a connection and a session that are still held, before the bring-up
+// replaces them: the socket would leak otherwise, and the controller would
+// keep a registered session until it noticed the silence.
+void release_leftovers() {
+    if (connection) {
+        Forward_Close(std::move(connection));
+        connection.reset();
+    }
+    if (session) {
+        if (session->handle != 0) UnRegisterSession(*session);
+        CloseSession(std::move(session));
+        session.reset();
+    }
+}
+
+} // namespace
+
+int get_eth0_IP() { return get_interface_IP("eth0"); }
+
+int get_br0_IP() { return get_interface_IP("br0"); }
+
+void save_session() {
+    char name[kSessionFileNameSize];
+    session_file_name(name);
+    std::FILE *file = std::fopen(name, "w");
+    if (file == nullptr) {
+        std::printf("[PLC] open session_file fail\n at line %d\r\n", 143);
+        return;
+    }
+    uint8_t bytes[4];
+    wire::Writer(bytes, sizeof bytes).u32(serial_n);
+    size_t written = std::fwrite(bytes, sizeof bytes, 1, file);
+    // The four bytes sit in the stream's buffer until the close: a close
+    // that fails means they never reached the file.
+    if (std::fclose(file) != 0) written = 0;
+    if (written != 1) {
+        std::printf("save %d \n", static_cast<int>(written));
+    } else {
+        std::printf("save:%s ok\n", name);
+    }
+}
+
+void read_past_session() {
+    char name[kSessionFileNameSize];
+    session_file_name(name);
+    std::FILE *file = std::fopen(name, "rb+");
+    if (file == nullptr) {
+        std::printf("[PLC] open file error at line %d\r\n", 165);
+        return;
+    }
+    uint8_t bytes[4] = {};
+    const size_t got = std::fread(bytes, 1, sizeof bytes, file);
+    std::fclose(file);
+    // A file of one to three bytes holds no complete number: like an empty
+    // file it counts as no stored number, and serial_n keeps its value (a
+    // fresh one is drawn and saved by the bring-up).
+    if (got < sizeof bytes) {
+        std::printf("[PLC] file is empty\n at line %d\r\n", 181);
+        return;
+    }
+    serial_n = wire::Reader(bytes, sizeof bytes).u32();
+    std::printf("read %s ok\n", name);
+    std::printf("serial_n:%d\n", static_cast<int>(serial_n));
+}
+
+int32_t OMRON_EIP_INIT(uint32_t force_new_serial) {
+    init = 0;
+    if (get_eth0_IP() != 0 && get_br0_IP() != 0) {
+        std::printf("[PLC] get IP err at line %d\r\n", 625);
+        return 3;
+    }
+
+    release_leftovers();
+    session = _OpenSession(ip_buff, kControllerPort, kSessionBufferSize, kSessionTimeoutUs);
+    if (!session) {
+        std::printf("[PLC] OpenSession err at line %d\r\n", 630);
+        return 3;
+    }
+    // A refused registration keeps the session; the next recovery closes it.
+    if (RegisterSession(*session) < 0) return -1;
+
+    if (serial_n == 0 || force_new_serial == 1) {
+        serial_n = (static_cast<uint32_t>(std::rand()) + lastTwoOctets + deviceport) & 0xFFFFu;
+        save_session();
+    }
+
+    const uint8_t route_prefix[1] = {0};
+    connection = _ConnectPLCOverCNET(*session, 0, _Priority, _TimeOut_Ticks, kToConnectionId,
+                                     static_cast<uint16_t>(serial_n & 0xFFFFu),
+                                     _OriginatorVendorID, _OriginatorSerialNumber,
+                                     _TimeOutMultiplier, kRpiArgument, _Transport, route_prefix, 0);
+    if (!connection) {
+        std::printf("[PLC] connection error at line %d\r\n", 652);
+        return 3;
+    }
+    init = 1;
+    std::printf("[PLC] init ok at line %d\r\n", 656);
+    return 0;
+}
+
+int32_t recover_connection() {
+    if (connection) {
+        Forward_Close(std::move(connection));
+        connection.reset();
+    }
+    if (session) {
+        UnRegisterSession(*session);
+        wk_close_handel(session->sock);
+        session.reset();
+    }
+
+    const int32_t status = OMRON_EIP_INIT(0);
+    if (status == 0) {
+        // Handles belong to the connection they were resolved on.
+        free_data_link(INIT_RET_DATA.get());
+        INIT_RET_DATA.reset();
+        return 0;
+    }
+    ++timeout_count;
+    if (timeout_count > 3) {
+        // The forced bring-up draws a new serial number. A session that the
+        // failed attempt left open is closed first (inside the bring-up), so
+        // that no socket is lost. Its result is not used: the caller's call
+        // fails either way.
+        OMRON_EIP_INIT(1);
+        timeout_count = 0;
+    }
+    return status;
+}
+
+} // namespace plc

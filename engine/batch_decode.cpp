@@ -1,0 +1,156 @@
+#include "engine/batch_decode.h"
+
+#include <cstdio>
+
+#include "eip/wire.h"
+
+namespace plc {
+
+std::array<StringInfoRecord, kStringInfoCapacity> StringInfo{};
+uint32_t string_id = 0;
+
+namespace {
+
+constexpr uint16_t kTimeTypeCode = 0xD6;
+
+// Appends to the text; a part that would not fit is dropped (the longest
+// possible text, 49d23h59m59s999.999ms, is far below the buffer size).
+template <typename... Args>
+void append(TimeText &text, size_t &len, const char *format, Args... args) {
+    if (len >= text.size()) return;
+    const int n = std::snprintf(text.data() + len, text.size() - len, format, args...);
+    if (n > 0 && static_cast<size_t>(n) < text.size() - len) len += static_cast<size_t>(n);
+    else text[len] = '\0';
+}
+
+// The string rule: remembers the first character when the slot reads the
+// string's first piece, and tells whether the string is known to be empty.
+bool string_is_empty(const BatchSlot &slot, uint8_t first_byte) {
+    if (slot.element == 0) {
+        bool found = false;
+        for (uint32_t r = 0; r < string_id; ++r) {
+            if (StringInfo[r].tag_id == slot.tag_id) {
+                StringInfo[r].first_char = first_byte;
+                found = true;
+                break;
+            }
+        }
+        if (!found) {
+            // With all records in use the table starts over with the new string.
+            if (string_id >= kStringInfoCapacity) string_id = 0;
+            StringInfo[string_id] = StringInfoRecord{slot.tag_id, 0, slot.count, first_byte};
+            ++string_id;
+        }
+    }
+    for (uint32_t r = 0; r < string_id; ++r) {
+        if (StringInfo[r].tag_id == slot.tag_id && StringInfo[r].first_char == 0) return true;
+    }
+    return false;
+}
+
+// Bytes the byte rule consumes for a run of `count` elements.
+size_t byte_rule_size(size_t count) { return count == 1 ? 2 : count + (count & 1u); }
+
+} // namespace
+
+size_t format_time_text(uint64_t nanoseconds, TimeText &text) {
+    text.fill('\0');
+    size_t len = 0;
+    const uint32_t ms = static_cast<uint32_t>(nanoseconds / 1000000u);
+    const uint32_t us = static_cast<uint32_t>((nanoseconds / 1000u) % 1000u);
+    int parts = 0;
+    if (ms > 86399999u) {
+        append(text, len, "%ud", ms / 86400000u);
+        parts = 1;
+    }
+    if (const uint32_t h = (ms / 3600000u) % 24u; h != 0) {
+        append(text, len, "%uh", h);
+        ++parts;
+    }
+    if (const uint32_t m = (ms / 60000u) % 60u; m != 0) {
+        append(text, len, "%um", m);
+        ++parts;
+    }
+    if (const uint32_t s = (ms / 1000u) % 60u; s != 0) {
+        append(text, len, "%us", s);
+        ++parts;
+    }
+    if (parts == 0 || ms % 1000u != 0) append(text, len, "%u.%03ums", ms % 1000u, us);
+    return len;
+}
+
+uint32_t time_text_unit(const TimeText &text, uint32_t unit) {
+    // Units past the buffer answer 0 like units past the text.
+    if (unit >= text.size() / 2) return 0;
+    const size_t at = size_t(unit) * 2;
+    return uint32_t(uint8_t(text[at])) | uint32_t(uint8_t(text[at + 1])) << 8;
+}
+
+int decode_batch_values(const uint8_t *area, size_t area_len, const BatchSlot *slots, int32_t n,
+                        const TagTable &table, PlcRequest *records) {
+    if (n <= 0) return 0;
+    if (slots == nullptr || records == nullptr || (area == nullptr && area_len != 0)) return 3;
+    wire::Reader in(area, area_len);
+    const size_t total = static_cast<size_t>(n);
+    TimeText text{};
+
+    size_t i = 0;
+    while (i < total) {
+        const BatchSlot &slot = slots[i];
+        const TagEntry *entry = find_entry(table, slot.tag_id);
+        if (entry == nullptr) return 3;
+        const size_t count = slot.count;
+        // The classification never produces these; a slot of count 0 would
+        // stall the walk and one reaching past the records would overrun them.
+        if (count == 0 || count > total - i) return 3;
+
+        // Every slot's bytes are checked before its records are touched, so a
+        // value area cut short never yields zeros reported as values.
+        if (entry->type_code == kTimeTypeCode) {
+            if (in.remaining() < 8) return 2;
+            format_time_text(in.u64(), text);
+            for (size_t j = 0; j < count; ++j) {
+                records[i + j].result = time_text_unit(text, slot.element + uint32_t(j));
+            }
+            i += count;
+        } else if (entry->bits == 1) {
+            if (in.remaining() < 2) return 2;
+            records[i].result = in.u8() != 0 ? 1u : 0u;
+            in.skip(1);
+            i += 1;
+        } else if (entry->bits == 16) {
+            if (in.remaining() / 2 < count) return 2;
+            for (size_t j = 0; j < count; ++j) records[i + j].result = in.u16();
+            i += count;
+        } else if (entry->bits == 32) {
+            if (in.remaining() / 4 < count) return 2;
+            for (size_t j = 0; j < count; ++j) records[i + j].result = in.u32();
+            i += count;
+        } else if (entry->bits == 8 || entry->bits == 0) {
+            // A plain variable of no fixed width other than a STRING (DATE,
+            // TIME_OF_DAY, DATE_AND_TIME, STIME, STRING2, a STRING without a
+            // declared length) is decoded by the byte rule like an indexed one:
+            // its records get defined values and the cursor stays on the layout
+            // the exchange asked for.
+            const size_t size = byte_rule_size(count);
+            if (in.remaining() < size) return 2;
+            bool empty = false;
+            if (entry->bits == 0 && is_plain_tag_id(slot.tag_id) && entry->dim_type == 3) {
+                empty = string_is_empty(slot, *in.u8_at(in.pos()));
+            }
+            bool ended = false;
+            for (size_t j = 0; j < count; ++j) {
+                const uint8_t b = in.u8();
+                if (b == 0) ended = true;
+                records[i + j].result = (ended || empty) ? 0u : b;
+            }
+            in.skip(size - count);
+            i += count;
+        } else {
+            return 2;
+        }
+    }
+    return 0;
+}
+
+} // namespace plc

@@ -1,0 +1,54 @@
+// Decoding of a batch's value bytes into the host's request records: one
+// element per record, TIME values as text, and the memory of empty strings.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "engine/classify.h"
+#include "plc_driver.h"
+#include "tags/tag_cache.h"
+
+namespace plc {
+
+// What the driver remembers of a STRING variable whose first piece was read.
+struct StringInfoRecord {
+    uint32_t tag_id = 0;
+    uint32_t zero = 0;
+    uint16_t count = 0;     // count of the slot that made the record
+    uint8_t first_char = 0; // first character as last read
+};
+
+constexpr size_t kStringInfoCapacity = 50;
+// Kept for the life of the driver, never cleared (not even by a reconnection).
+extern std::array<StringInfoRecord, kStringInfoCapacity> StringInfo;
+extern uint32_t string_id; // records of StringInfo in use
+
+constexpr size_t kTimeTextSize = 256;
+using TimeText = std::array<char, kTimeTextSize>;
+
+// Renders a TIME value (nanoseconds) as text such as 1d1h1m1s1.002ms into a
+// cleared buffer; returns the text length.
+size_t format_time_text(uint64_t nanoseconds, TimeText &text);
+
+// The 16-bit unit `unit` of the text: characters 2*unit and 2*unit+1, the first
+// in the low byte; 0 past the text and past the buffer.
+uint32_t time_text_unit(const TimeText &text, uint32_t unit);
+
+// Value bytes one read item occupies in the value area: its bit length rounded
+// up to whole bytes, then to an even number of bytes.
+inline size_t item_value_bytes(uint32_t bit_length) {
+    const size_t bytes = (size_t(bit_length) + 7) / 8;
+    return bytes + (bytes & 1u);
+}
+
+// Decodes the value area (area_len bytes) into records[0..n) following the
+// slots' runs. 0 when every record was written; 3 for a tag id without an
+// entry; 2 for a type without a decoding, or when the area holds fewer bytes
+// than the slots need (the caller then clears init). Records of slots before a
+// failing one have been written. Allocates nothing.
+int decode_batch_values(const uint8_t *area, size_t area_len, const BatchSlot *slots, int32_t n,
+                        const TagTable &table, PlcRequest *records);
+
+} // namespace plc
