@@ -145,6 +145,13 @@ bool strict_decimal(std::string_view text, uint32_t max, uint32_t &value) {
     return true;
 }
 
+std::string_view trim_blanks(std::string_view text) {
+    const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+    while (!text.empty() && blank(text.front())) text.remove_prefix(1);
+    while (!text.empty() && blank(text.back())) text.remove_suffix(1);
+    return text;
+}
+
 // Lenient decimal like atoi: what can be read is taken, the rest ignored.
 uint32_t loose_decimal(std::string_view text) {
     size_t pos = 0;
@@ -162,8 +169,11 @@ void copy_name(TagEntry &entry, size_t &length, std::string_view part) {
 
 // Field 3: "[a..b]", "[a..b_c..d]" or "[a..b_c..d_e..f]" by the number of '_'.
 // The dimension kind is set before reading, so a field that does not match
-// keeps whatever bounds could be read. In a strict parse the whole field must
-// match, and every bound must fit the entry and describe a non-empty range.
+// keeps whatever bounds could be read, and every bound is kept as an unsigned
+// 16-bit number, negative and inverted ones included: the bounds only place
+// elements inside the variable the line names, never another variable, and
+// the request entries refuse indexes that a dimension without elements cannot
+// hold. Only a field too long to be a bounds field refuses the line.
 void parse_bounds(std::string_view field, TagEntry &entry, bool double_word, Reason &why) {
     if (field.size() > kMaxFieldLength) {
         why("has an array bounds field longer than %zu characters", kMaxFieldLength);
@@ -181,7 +191,7 @@ void parse_bounds(std::string_view field, TagEntry &entry, bool double_word, Rea
     }
     uint16_t *const targets[6] = {&entry.lo1, &entry.hi1, &entry.lo2,
                                   &entry.hi2, &entry.lo3, &entry.hi3};
-    int64_t values[6] = {};
+    const int64_t factor = double_word ? 2 : 1;
     size_t read = 0;
     size_t pos = 0;
     bool matched = pos < field.size() && field[pos] == '[';
@@ -192,36 +202,15 @@ void parse_bounds(std::string_view field, TagEntry &entry, bool double_word, Rea
             if (!matched) break;
             ++pos;
         }
-        matched = scan_int(field, pos, values[read]);
-        if (!matched) break;
-        ++read;
-        matched = field.substr(pos, 2) == "..";
-        if (!matched) break;
-        pos += 2;
-        matched = scan_int(field, pos, values[read]);
-        if (!matched) break;
-        ++read;
-    }
-    matched = matched && pos + 1 == field.size() && field[pos] == ']';
-    if (!matched) {
-        why("has array bounds \"%.*s\" that are not [a..b], [a..b_c..d] or [a..b_c..d_e..f]",
-            static_cast<int>(shown(field).size()), shown(field).data());
-    }
-    const int64_t factor = double_word ? 2 : 1;
-    for (size_t i = 0; i < read; ++i) {
-        const int64_t stored = values[i] * factor;
-        if (values[i] < 0 || stored > 0xFFFF) {
-            why("has an array bound %lld outside 0..%d", static_cast<long long>(values[i]),
-                double_word ? 0x7FFF : 0xFFFF);
-        }
-        *targets[i] = static_cast<uint16_t>(stored);
-    }
-    // An upper bound below its lower bound would leave the element range checks
-    // of the request entries dividing by zero or negative extents: refused.
-    for (size_t i = 0; i + 1 < read; i += 2) {
-        if (values[i + 1] < values[i]) {
-            why("has array bounds %lld..%lld with the upper below the lower",
-                static_cast<long long>(values[i]), static_cast<long long>(values[i + 1]));
+        for (int half = 0; matched && half < 2; ++half) {
+            if (half == 1) {
+                matched = field.substr(pos, 2) == "..";
+                if (!matched) break;
+                pos += 2;
+            }
+            int64_t value = 0;
+            matched = scan_int(field, pos, value);
+            if (matched) *targets[read++] = static_cast<uint16_t>(value * factor);
         }
     }
 }
@@ -354,17 +343,13 @@ bool parse_line(std::string_view line, TagEntry &entry, Reason &why) {
         parse_bounds(bounds, entry, double_word, why);
     }
 
-    if (str_len.size() > kMaxStrLenField) {
-        why("has a string length field longer than %zu characters", kMaxStrLenField);
-    }
+    // The length is read like the bounds: what can be read as a number is
+    // kept (0 when nothing can), as an unsigned 16-bit value.
     if (!str_len.empty() && type_text == "STRING") {
-        uint32_t length = 0;
-        if (!strict_decimal(str_len, 0xFFFF, length)) {
-            why("has a string length \"%.*s\" that is not a number from 0 to 65535",
-                static_cast<int>(shown(str_len).size()), shown(str_len).data());
-            length = loose_decimal(str_len);
+        if (str_len.size() > kMaxStrLenField) {
+            why("has a string length field longer than %zu characters", kMaxStrLenField);
         }
-        entry.str_len = static_cast<uint16_t>(length);
+        entry.str_len = static_cast<uint16_t>(loose_decimal(str_len));
         entry.dim_type = 3;
         entry.lo1 = 0;
         entry.hi1 = 0;
@@ -375,8 +360,10 @@ bool parse_line(std::string_view line, TagEntry &entry, Reason &why) {
     }
 
     if (present == 6) {
+        // The tag id decides which variable a host id reaches, so it must be
+        // a plain decimal number; only blanks around it are forgiven.
         uint32_t id = 0;
-        if (!strict_decimal(tag_id, kLastIndexedId, id)) {
+        if (!strict_decimal(trim_blanks(tag_id), kLastIndexedId, id)) {
             why("has a tag id \"%.*s\" that is not a decimal number from 0 to %u",
                 static_cast<int>(shown(tag_id).size()), shown(tag_id).data(), kLastIndexedId);
             id = loose_decimal(tag_id);

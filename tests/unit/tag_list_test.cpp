@@ -268,16 +268,6 @@ TEST_F(TagListTest, UnreadableLinesRefuseTheWholeFileAndChangeNothing) {
         {"A," + std::string(100, 'q') + ",DINT,,,,,,0\n", "line 1 has a name part longer than 99 characters"},
         {"A,INT,[0.." + std::string(100, '1') + "],,,,,0\n", "line 1 has an array bounds field longer than 99 characters"},
         {"S,STRING,,12345678,,,,0\n", "line 1 has a string length field longer than 7 characters"},
-        {"S,STRING,,80000,,,,0\n", "line 1 has a string length \"80000\" that is not a number from 0 to 65535"},
-        {"A,INT,[5..3],,,,,0\n", "line 1 has array bounds 5..3 with the upper below the lower"},
-        {"A,INT,[0..1_4..2],,,,,0\n", "line 1 has array bounds 4..2 with the upper below the lower"},
-        {"A,INT,[-1..3],,,,,0\n", "line 1 has an array bound -1 outside 0..65535"},
-        {"A,INT,[0..65536],,,,,0\n", "line 1 has an array bound 65536 outside 0..65535"},
-        {"A,LINT,[0..40000],,,,,0\n", "line 1 has an array bound 40000 outside 0..32767"},
-        {"A,INT,[0..9,,,,,0\n",
-         "line 1 has array bounds \"[0..9\" that are not [a..b], [a..b_c..d] or [a..b_c..d_e..f]"},
-        {"A,INT,[0..1_0..1_0..1_0..1],,,,,0\n",
-         "line 1 has array bounds \"[0..1_0..1_0..1_0..1]\" that are not [a..b], [a..b_c..d] or [a..b_c..d_e..f]"},
         {"A,BOOL,,,,W1.123,,0\n", "line 1 has more than 2 characters after the '.' of address \"W1.123\""},
         {"A,BOOL,,,,W1.G,,0\n", "line 1 has a bit number in address \"W1.G\" that is not hexadecimal"},
         {std::string("A,DINT,,,,,,0\nB,DINT,,\0,,,,1\n", 29), "line 2 contains a NUL character"},
@@ -299,6 +289,36 @@ TEST_F(TagListTest, UnreadableLinesRefuseTheWholeFileAndChangeNothing) {
         EXPECT_EQ(b.plain.size(), 3u); // out parameters untouched
         EXPECT_EQ(b.groups.size(), 2u);
     }
+}
+
+// Bounds and string lengths only place elements inside the variable their
+// line names, so a field that does not match its pattern is kept as far as it
+// could be read, each number as an unsigned 16-bit value.
+TEST_F(TagListTest, FieldsThatDoNotMatchTheirPatternAreKeptAsRead) {
+    const Built b = build("A,INT,[0..9,,,,,0\n"
+                          "B,INT,[0..1_0..1_0..1_0..1],,,,,1\n"
+                          "C,INT,[5..3],,,,,2\n"
+                          "D,INT,[-1..65536],,,,,3\n"
+                          "E,LINT,[0..40000],,,,,4\n"
+                          "S,STRING,,80000,,,,5\n"
+                          "T,STRING,,x,,,,6\n"
+                          "U,DINT,,long comment,,,, 7 \n");
+    ASSERT_NE(b.counts, nullptr) << b.output;
+    EXPECT_EQ(b.output, "");
+    ASSERT_EQ(b.plain.size(), 8u);
+    const auto bounds = [&](size_t i) {
+        const TagEntry &e = b.plain[i];
+        return std::vector<int>{int(e.dim_type), e.lo1, e.hi1, e.lo2, e.hi2};
+    };
+    EXPECT_EQ(bounds(0), (std::vector<int>{1, 0, 9, 0, 0}));
+    EXPECT_EQ(bounds(1), (std::vector<int>{1, 0, 1, 0, 0})); // three '_' read as one dimension
+    EXPECT_EQ(bounds(2), (std::vector<int>{1, 5, 3, 0, 0}));
+    EXPECT_EQ(bounds(3), (std::vector<int>{1, 0xFFFF, 0, 0, 0}));
+    EXPECT_EQ(bounds(4), (std::vector<int>{1, 0, 80000 & 0xFFFF, 0, 0}));
+    EXPECT_EQ(b.plain[5].str_len, 80000 & 0xFFFF);
+    EXPECT_EQ(b.plain[6].str_len, 0);
+    EXPECT_EQ(b.plain[6].dim_type, 3u);
+    EXPECT_EQ(b.plain[7].tag_id, 7u);
 }
 
 TEST_F(TagListTest, RefusalKeepsTheResultOfTheLastGoodBuild) {
