@@ -18,6 +18,7 @@
 #include "eip/eip_session.h"
 #include "eip/wire.h"
 #include "engine/handle_store.h"
+#include "util/unique_fd.h"
 
 namespace plc {
 
@@ -29,23 +30,8 @@ constexpr uint32_t kToConnectionId = 0x9D9D0029;
 constexpr uint32_t kRpiArgument = 7236;
 constexpr size_t kSessionFileNameSize = 32;
 
-// Closes a descriptor on every way out.
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 int get_interface_IP(const char *name) {
-    const Fd sock(::socket(AF_INET, SOCK_DGRAM, 0));
+    const UniqueFd sock(::socket(AF_INET, SOCK_DGRAM, 0));
     if (sock.get() < 0) {
         std::perror("socket");
         return 3;

@@ -15,28 +15,14 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "util/unique_fd.h"
+
 namespace plc {
 namespace {
 
 // Files that Read_File or Write_File create are readable by everybody and
 // writable by the owner only; the process umask may narrow this further.
 constexpr mode_t kCreatedFileMode = 0644;
-
-// Closes a descriptor when the helper returns, whatever the path out.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor &) = delete;
-    FileDescriptor &operator=(const FileDescriptor &) = delete;
-
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // Opens with the given flags (always creating a missing file) and positions at
 // the offset. A descriptor below 1 counts as failure; descriptor 0 is closed
@@ -90,14 +76,14 @@ void wk_srand(void) {
 }
 
 int Read_File(const char *path, void *buffer, int32_t offset, uint32_t count) {
-    const plc::FileDescriptor fd(plc::open_at(path, O_RDONLY, offset));
+    const plc::UniqueFd fd(plc::open_at(path, O_RDONLY, offset));
     if (fd.get() < 0) return -1;
     return static_cast<int>(::read(fd.get(), buffer, count));
 }
 
 int Write_File(const char *path, const void *bytes, int32_t offset, uint32_t count) {
     // Not truncated: only the bytes written change, the rest of the file stays.
-    const plc::FileDescriptor fd(plc::open_at(path, O_WRONLY, offset));
+    const plc::UniqueFd fd(plc::open_at(path, O_WRONLY, offset));
     if (fd.get() < 0) return -1;
     return static_cast<int>(::write(fd.get(), bytes, count));
 }
