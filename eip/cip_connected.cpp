@@ -46,6 +46,10 @@ std::optional<std::vector<uint8_t>> _ConnectedSend(EipSession &session, CipConne
         LogCip(2, "!Exiting ConnectedSend with no response\r\n");
         return std::nullopt;
     }
+    // The next SendUnitData on the socket is the answer; its connection id and
+    // the sequence count it echoes are not compared with the request. Requests
+    // go one at a time and stale input is drained before every send, so the
+    // only reply that can be waiting is this request's.
     const auto item = _GetDataItem(*reply);
     if (!item) return std::nullopt;
     const wire::Reader in(*reply);

@@ -22,6 +22,15 @@ struct DataNode {
 struct DataLink {
     uint32_t count = 0;
     std::unique_ptr<DataNode> first;
+
+    DataLink() = default;
+    DataLink(const DataLink &) = delete;
+    DataLink &operator=(const DataLink &) = delete;
+    // One node at a time: a list with a node per BOOL element can be long
+    // enough that releasing it recursively would exhaust the stack.
+    ~DataLink() {
+        while (first) first = std::move(first->next);
+    }
 };
 
 extern std::unique_ptr<DataLink> INIT_RET_DATA;

@@ -113,7 +113,7 @@ struct WriteValue {
     uint32_t bit_offset = 0;
     uint32_t bit_size = 0;
     size_t size = 0; // value bytes in `bytes`
-    std::array<uint8_t, kMaxWriteValueBytes + 1> bytes{};
+    std::array<uint8_t, kMaxWriteValueBytes + 1> bytes{}; // an odd 255-byte run and its pad
 };
 
 // Position of a BOOL's bit in its 16-bit word; every write stores it into the

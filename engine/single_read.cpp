@@ -55,6 +55,8 @@ bool linear_index_fits(const TagEntry &entry, uint64_t index) {
 }
 
 int32_t check_read_range(const TagEntry &entry, uint32_t element, uint32_t count) {
+    // A run whose values the 4,096-byte value area cannot hold is a request
+    // the driver cannot serve: a configuration error, refused before traffic.
     if (run_bytes(entry, count) > kValueAreaSize) return 3;
     // The last element of the run must exist as well as the first: a run past
     // the end would read neighbouring memory of the controller, or be

@@ -11,8 +11,10 @@
 
 namespace plc {
 
-// Resolves the request's variable by name and queues its handle; 0, or 3 when
-// the request cannot be resolved (see the definition for the refusals).
+// Resolves the request's variable by name and queues its handle: 0; 3 when
+// the request cannot be resolved (indexed tag outside its group, a path the
+// length byte cannot carry); 2 when the exchange failed or the controller did
+// not answer with a handle (init is then cleared when the connection broke).
 uint32_t REG_INIT(const TagTable &table, PlcRequest &request, ExchangeBuffer &send,
                   ExchangeBuffer &reply, const PlcData &data);
 

@@ -67,7 +67,9 @@ int32_t write_entry(PlcRequest &request, PlcData &data) {
         return 3;
     }
     // The value and the name are checked here too, so that a request that
-    // cannot be sent costs no reconnection.
+    // cannot be sent costs no reconnection. The bit position is stored first:
+    // every write that reaches this point reports it, refused or not.
+    request.count = write_bit_position(*entry, element);
     WriteValue probe;
     if (encode_write_value(*entry, element, data, probe) == 3) return 3;
     if (!resolve_path(*entry, element, data.count)) return 3;

@@ -123,6 +123,9 @@ uint32_t encode_write_value(const TagEntry &entry, uint32_t element, const PlcDa
     }
     case Kind::Byte:
     case Kind::Text:
+        // The length byte counts the elements; the pad byte of an odd run is
+        // not among them.
+        if (count > kMaxWriteValueBytes) return 3;
         n = count + (count & 1u);
         break;
     case Kind::Word: n = count * 2; break;
@@ -131,7 +134,7 @@ uint32_t encode_write_value(const TagEntry &entry, uint32_t element, const PlcDa
 
     // The length byte counts the value bytes: a run it cannot describe is
     // refused, never cut to its low 8 bits.
-    if (n > kMaxWriteValueBytes) return 3;
+    if (kind != Kind::Byte && kind != Kind::Text && n > kMaxWriteValueBytes) return 3;
     if (kind == Kind::Byte || kind == Kind::Text) {
         // One element (or character) per 16-bit register, in its first byte;
         // an odd run is padded with a zero byte.

@@ -422,7 +422,11 @@ TEST(WriteEncoding, RunsTheLengthByteCannotDescribeAreRefused) {
     EXPECT_EQ(b.status, 0u);
     EXPECT_EQ(b.request.size(), 32u + 254u);
     EXPECT_EQ(b.request[12], 254);
-    EXPECT_EQ(Write(Array1("B", 0xC2, 8, 0, 999), 0, 255, buffer.data()).status, 3u);
+    const Encoded odd = Write(Array1("B", 0xC2, 8, 0, 999), 0, 255, buffer.data());
+    EXPECT_EQ(odd.status, 0u) << "255 elements and their pad byte";
+    EXPECT_EQ(odd.request.size(), 32u + 256u);
+    EXPECT_EQ(odd.request[12], 255);
+    EXPECT_EQ(Write(Array1("B", 0xC2, 8, 0, 999), 0, 256, buffer.data()).status, 3u);
     EXPECT_EQ(Write(Array1("D", 0xC4, 32, 0, 999), 0, 0x40000001u, buffer.data()).status, 3u)
         << "a count whose byte size wraps 32 bits";
 
