@@ -1,18 +1,29 @@
 #!/usr/bin/env bash
-# Builds the controller simulator and the eip-exchange client, starts the
-# simulator on 127.0.0.1 inside a private network namespace (nothing reaches
-# any real network) and runs one client conversation against it.
+# The main job: builds the driver, the controller simulator and the host tool,
+# then shows the panel's everyday work against a live simulated controller:
+# plc-host polls variables that change, writes new values, and the next poll
+# shows them. Everything runs inside a private network namespace (unshare -rn)
+# with its own loopback and an eth0, from which the driver takes the panel's
+# address; nothing reaches any real network.
 #
-# usage: scripts/demo.sh [eip-exchange options and variables]
-#   e.g. scripts/demo.sh --reads 5 LiveCounter
+# usage: scripts/demo.sh [--polls N] [--interval MS]
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=${PLC_DEMO_BUILD_DIR:-$root/build-demo}
-port=44818
+polls=6
+interval=500
+while [[ $# -gt 0 ]]; do
+    case "$1" in
+    --polls) polls=$2; shift 2 ;;
+    --interval) interval=$2; shift 2 ;;
+    --inside) inside=1; shift ;;
+    *) echo "usage: $0 [--polls N] [--interval MS]" >&2; exit 64 ;;
+    esac
+done
 
 # ------------------------------------------------------------------ outside
-if [[ -z "${PLC_DEMO_IN_NETNS:-}" ]]; then
+if [[ -z "${inside:-}" ]]; then
     needed=(cmake g++ make iproute2)
     missing=()
     for p in "${needed[@]}"; do
@@ -30,34 +41,56 @@ if [[ -z "${PLC_DEMO_IN_NETNS:-}" ]]; then
     fi
 
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DPLC_BUILD_TESTS=OFF -DPLC_BUILD_BENCH=OFF -DPLC_BUILD_TOOLS=ON
-    cmake --build "$build" -j2 --target plc-sim eip-exchange
-    exec env PLC_DEMO_IN_NETNS=1 unshare -rn bash "$0" "$@"
+        -DPLC_BUILD_TESTS=OFF -DPLC_BUILD_BENCH=OFF -DPLC_BUILD_TOOLS=ON >/dev/null
+    cmake --build "$build" -j2
+    exec "$root/scripts/in_netns.sh" eth0 bash "$0" --inside --polls "$polls" --interval "$interval"
 fi
 
 # ------------------------------------------------------------------ inside
-ip link set lo up
+work=$(mktemp -d)
+sim_pid=
+cleanup() {
+    if [[ -n "$sim_pid" ]]; then
+        kill "$sim_pid" 2>/dev/null || true
+        wait "$sim_pid" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
 
-sim_args=(--address 127.0.0.1 --port "$port" --live)
-tags=$root/examples/PLC7F000001_1.csv
-[[ -f "$tags" ]] && sim_args+=(--tags "$tags")
+# The driver opens its tag list, PLC<address in hex>_<device>.csv, in the
+# working directory, and keeps its session file there too.
+cp "$root/examples/PLC7F000001_1.csv" "$work/"
 
-echo "=== plc-sim ${sim_args[*]}"
-"$build/sim/plc-sim" "${sim_args[@]}" &
+say() { printf '\n=== %s\n' "$*"; }
+
+sim_args=(--address 127.0.0.1 --live --tags "$work/PLC7F000001_1.csv"
+    --set OperatorName=Bob --set 'SetPoints=15' --set CycleTime=1234.5)
+say "plc-sim ${sim_args[*]}"
+"$build/sim/plc-sim" "${sim_args[@]}" >"$work/plc-sim.log" 2>&1 &
 sim_pid=$!
-trap 'kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true' EXIT
-
 for ((i = 0; i < 200; ++i)); do
-    ss -Hltn "sport = :$port" | grep -q LISTEN && break
-    kill -0 "$sim_pid" 2>/dev/null || { echo "plc-sim exited" >&2; exit 1; }
+    grep -q 'listening on' "$work/plc-sim.log" && break
+    kill -0 "$sim_pid" 2>/dev/null || { cat "$work/plc-sim.log" >&2; exit 1; }
     sleep 0.05
 done
 
-# Without arguments: a few reads of the animated counter, far enough apart to
-# see it move.
-args=("$@")
-[[ ${#args[@]} -gt 0 ]] || args=(--reads 5 --pause-ms 300 LiveCounter)
-echo "=== eip-exchange --host 127.0.0.1 --port $port ${args[*]}"
-rc=0
-"$build/examples/eip-exchange" --host 127.0.0.1 --port "$port" "${args[@]}" || rc=$?
-exit $rc
+host() {
+    echo "\$ plc-host $*"
+    "$build/tools/plc-host" --controller 127.0.0.1 --device 1 --dir "$work" --quiet "$@"
+}
+watch=(LiveCounter LiveSine LiveToggle MachineState OperatorName 'SetPoints[0..3]' CycleTime)
+
+say "polling: LiveCounter, LiveSine and LiveToggle change on the controller"
+host poll "${watch[@]}" --interval "$interval" --times "$polls"
+
+say "writing from the panel"
+host write MachineState 1
+host write OperatorName Alice
+host write 'SetPoints[0]' 10 20 30 40
+
+say "polling again: the values written"
+host poll "${watch[@]}" --interval "$interval" --times 2
+
+say "one variable, read by itself, as JSON"
+host --json read 'SetPoints[0]' 4
