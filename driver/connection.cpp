@@ -18,6 +18,7 @@
 #include "eip/eip_session.h"
 #include "eip/wire.h"
 #include "engine/handle_store.h"
+#include "engine/request_set_cache.h"
 #include "util/unique_fd.h"
 
 namespace plc {
@@ -171,9 +172,13 @@ int32_t recover_connection() {
 
     const int32_t status = OMRON_EIP_INIT(0);
     if (status == 0) {
-        // Handles belong to the connection they were resolved on.
+        // Handles belong to the connection they were resolved on, and a
+        // remembered request set stands for handles prepared on it. Both go,
+        // whichever entry rebuilt the connection: a set left behind by a
+        // single read's rebuild would be read with handles that are gone.
         free_data_link(INIT_RET_DATA.get());
         INIT_RET_DATA.reset();
+        free_reg_link(node);
         return 0;
     }
     ++timeout_count;

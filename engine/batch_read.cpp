@@ -56,12 +56,8 @@ int32_t batch_read_over(CipExchange &link, PlcRequest *requests, int32_t count) 
     if (Reg_Classify_Sort(*table, count) != kClassifyOk) return 3;
     if (!prepare_names_fit(INIT_TAG.data(), reg_init_num)) return 3;
 
-    if (init != 1) {
-        if (recover_connection() != 0) return 2;
-        // The handles are gone with the old connection, and with them every
-        // remembered set.
-        free_reg_link(node);
-    }
+    // A rebuilt connection comes without handles and without remembered sets.
+    if (init != 1 && recover_connection() != 0) return 2;
 
     // 1: seen before. A set the cache could not store (-1, memory short) is
     // treated as new, so that its variables are prepared all the same.
