@@ -12,32 +12,16 @@
 #include "engine/cip_exchange.h"
 #include "engine/classify.h"
 #include "engine/handle_store.h"
+#include "engine/read_request.h"
 #include "tags/tag_cache.h"
 
 namespace plc {
 
-constexpr size_t kItemsPerRequest = 15;
-constexpr size_t kValueAreaSize = 4096;
 constexpr size_t kReadHeaderSize = 12;
 constexpr size_t kReadItemSize = 18;
 constexpr size_t kReadReplyFieldsAt = 8;
-constexpr uint8_t kServiceRead = 0x55;
-constexpr uint8_t kReplyRead = 0xD5;
-
-struct ReadItem {
-    VarHandle handle{};
-    uint32_t bit_offset = 0;
-    uint32_t bit_length = 0; // 24 bits on the wire
-};
-
 // Bit offset and bit length of the item that the slot starts, for its entry.
 ReadItem read_item_geometry(const TagEntry &entry, const BatchSlot &slot);
-
-// Writes the request data of one read request: the 10-byte request prefix, the
-// item count, a zero byte and the 18-byte items. False when count is not 1..15
-// or the writer ran out of room.
-bool build_read_request(wire::Writer &out, const std::array<uint8_t, 10> &prefix,
-                        const ReadItem *items, size_t count);
 
 // Value bytes of one checked read reply.
 struct ReadReplyValues {

@@ -13,23 +13,17 @@
 #include <string_view>
 
 #include "engine/handle_store.h"
+#include "engine/read_request.h"
 #include "plc_driver.h"
 
 namespace plc {
 
-using RequestPrefix = std::array<uint8_t, 10>;
-
-// Value bytes one read may return: the work area the reply is copied into.
-constexpr size_t kValueAreaSize = 4096;
 // The resolve request describes the path text with one length byte.
 constexpr size_t kMaxPathText = 255;
 constexpr uint8_t kServiceResolve = 0x56;
-constexpr uint8_t kServiceRead = 0x55;
 constexpr uint8_t kServiceWrite = 0x56;
 constexpr uint8_t kReplyResolve = 0xD6;
-constexpr uint8_t kReplyRead = 0xD5;
 constexpr uint8_t kReplyWrite = 0xD6;
-constexpr size_t kReadRequestSize = 30;
 constexpr size_t kWriteHeaderSize = 32;
 // Longest value run of one write: the length byte counts the value bytes.
 constexpr size_t kMaxWriteValueBytes = 255;
@@ -74,18 +68,10 @@ std::optional<ResolveReply> parse_resolve_reply(const uint8_t *reply, size_t siz
 
 // ---- read by handle (service 0x55) ----
 
-struct ReadItem {
-    VarHandle handle{};
-    uint32_t bit_offset = 0;
-    uint32_t bit_length = 0;
-};
 // The one item of a single read; a BOOL run of other than one element
 // carries the low byte of the element index in byte 5 of the handle.
 ReadItem make_read_item(const TagEntry &entry, uint32_t element, uint32_t count,
                         const VarHandle &handle);
-// 30 bytes of request data, or 0 when `capacity` is too small.
-size_t build_read_request(const RequestPrefix &prefix, const ReadItem &item, uint8_t *out,
-                          size_t capacity);
 
 struct ReadValues {
     const uint8_t *bytes = nullptr; // inside the reply

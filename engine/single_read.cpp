@@ -107,14 +107,6 @@ ReadItem make_read_item(const TagEntry &entry, uint32_t element, uint32_t count,
     return item;
 }
 
-size_t build_read_request(const RequestPrefix &prefix, const ReadItem &item, uint8_t *out,
-                          size_t capacity) {
-    wire::Writer w(out, capacity);
-    w.bytes(prefix.data(), prefix.size()).u8(1).u8(0);
-    w.bytes(item.handle.data(), item.handle.size()).u32(item.bit_offset).u32(item.bit_length);
-    return w.ok() ? w.size() : 0;
-}
-
 std::optional<ReadValues> parse_read_reply(const uint8_t *reply, size_t size) {
     const wire::Reader r(reply, size);
     // Every field is taken from within the reported reply length only: a field
@@ -198,9 +190,10 @@ int32_t single_read(PlcRequest &request, PlcData &data) {
     VarHandle handle{};
     if (copy_from_link(INIT_RET_DATA.get(), element, tag_id, handle, *table) != 0) return 2;
 
+    // The bit length of a run the value area holds fits the item's 24 bits.
     const ReadItem item = make_read_item(*entry, element, data.count, handle);
-    const size_t request_len =
-        build_read_request(recv_flag_data1, item, send_data.data(), send_data.size());
+    wire::Writer out(send_data.data(), send_data.size());
+    const size_t request_len = build_read_request(out, recv_flag_data1, &item, 1) ? out.size() : 0;
     uint32_t reply_len = 0;
     if (request_len == 0 || !session || !connection ||
         CIP_TransRecv(session.get(), connection.get(), send_data.data(),

@@ -59,7 +59,8 @@ Bytes Resolve(const std::string &path) {
 Bytes ReadRequest(const TagEntry &e, uint32_t element, uint32_t count) {
     Bytes out(64, 0xCC);
     const plc::ReadItem item = plc::make_read_item(e, element, count, kHandle);
-    out.resize(plc::build_read_request(kPrefix, item, out.data(), out.size()));
+    plc::wire::Writer w(out.data(), out.size());
+    out.resize(plc::build_read_request(w, kPrefix, &item, 1) ? w.size() : 0);
     return out;
 }
 
