@@ -82,8 +82,8 @@ bench() {
     fi
 }
 
-# The simulator rewrites its counter file after every reply, before it reads
-# the next request; that would sit in every exchange of the timed polls. So
+# The simulator rewrites its counter file with every message, before it
+# replies; that would sit in every exchange of the timed polls. So
 # the exchanges are counted in a run of their own, and the timed run goes
 # without the file (unless --sim-stats asks for it).
 echo "== exchanges per poll, counted by plc-sim (--stats)"

@@ -498,8 +498,10 @@ void Server::Serve(Client &client) {
             if (!ReadExact(client.fd, body.data(), body.size())) break;
             ++stats_.messages;
             const auto outcome = protocol.Handle(header, body);
-            const bool sent = !outcome.reply || SendAll(client.fd, *outcome.reply);
+            // Published before the reply leaves, so that a client holding the
+            // reply finds the counters that include its request.
             if (stats_file_) stats_file_->Write(stats_.Render());
+            const bool sent = !outcome.reply || SendAll(client.fd, *outcome.reply);
             if (!sent || outcome.close) break;
         }
     }

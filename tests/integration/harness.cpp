@@ -211,9 +211,10 @@ void Sim::Kill() {
 }
 
 std::map<std::string, uint64_t> Sim::Stats() const {
-    // plc-sim rewrites the file after it has sent its reply, so the file may
-    // trail the driver call that just returned by one message: take it once it
-    // holds still. (Settling only; no test asserts on how long it takes.)
+    // plc-sim rewrites the file before it sends a reply, but a message that
+    // gets none (UnRegisterSession, a dropped client) may still be on its
+    // way: take the file once it holds still. (Settling only; no test asserts
+    // on how long it takes.)
     std::string text = read_file(dir_.file("stats.txt")).value_or("");
     for (int i = 0; i < 200; ++i) {
         sleep_ms(15);
