@@ -670,6 +670,13 @@ bool plan_write(const ElementRun &run, const std::vector<std::string> &values,
     }
 
     if (t.code == kCodeBool) {
+        // The driver resolves a single BOOL element as "name[index]", which for
+        // more than one dimension names no element the controller knows.
+        if (tag.dims.size() > 1)
+            return fail(err, kExitConfig,
+                        "'" + element_label(tag, first) + "': the driver cannot write elements of a "
+                        "multi-dimensional BOOL array (it would name " + tag.name + "[" +
+                            std::to_string(first) + "])");
         // Each BOOL element is its own write (the driver shifts the bit into place).
         for (int64_t k = 0; k < n; ++k) {
             WriteOp op;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -16,6 +17,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -77,7 +79,9 @@ Values are printed by type: integers, REAL/LREAL as floating point, LINT,
 ULINT, LREAL and LWORD assembled from their two 32-bit words, STRING as text,
 BOOL as true/false, TIME as a duration (1d2h3m4s5.000ms). TIME values and BOOL
 array runs are read through the batch entry (wk_OMRON_plc_read); everything
-else through the single read. A TIME is written as milliseconds ("1.5").
+else through the single read. The batch entry renders a TIME from its whole
+milliseconds modulo 2^32 (about 49.7 days). A TIME is written as milliseconds
+("1.5").
 
 poll sends one record per element (two for the 64-bit types, one per
 character of a STRING, 12 for a TIME), at most 100 records per batch call.
@@ -92,10 +96,11 @@ tool's own output. In the poll table they are shown under the table.
 
 Exit status:
   0   success
-  2   communication failure (driver status 2, or a refused session
-      registration during the bring-up)
-  3   configuration or tag error (driver status 3, tag list missing or
-      unusable, driver library not loadable)
+  2   communication failure: driver status 2, or no connection after the
+      bring-up (controller unreachable, no IPv4 address on eth0 or br0,
+      session or connection refused)
+  3   configuration or tag error (driver status 3 of a read or write, tag
+      list missing or unusable, driver library not loadable)
   64  usage error (bad option, argument or value)
   65  unknown variable name or element index outside the variable
 poll exits with the status of its last poll.
@@ -243,7 +248,6 @@ const char *status_text(int status) {
     case 0: return "ok";
     case 2: return "communication failure";
     case 3: return "configuration or tag error";
-    case -1: return "session registration refused";
     default: return "unexpected status";
     }
 }
@@ -300,6 +304,18 @@ struct Host {
         return call([&] { return api().init2(0, 0, &port); });
     }
 
+    // A failed bring-up leaves the driver without a connection, whatever the
+    // reason (controller unreachable, no IPv4 address on eth0 or br0, session
+    // or connection refused): for the caller that is a communication failure,
+    // as it is when the reconnection of a poll fails.
+    void start_or_die() {
+        const int init = start();
+        if (init != 0)
+            die(kExitComm, "no connection to the controller at " + opt.controller_text +
+                               " (bring-up: driver status " + std::to_string(init) + ")",
+                opt.json);
+    }
+
     // One batch call with guard records behind the caller's, so that a driver
     // writing past the records it was given is caught instead of trusted.
     int batch(PlcRequest *records, size_t n, bool &overrun) {
@@ -347,7 +363,7 @@ void print_values(const Host &h, int status, const std::vector<std::string> &lab
         std::printf("%s = %s\n", labels[i].c_str(), format_value(values[i]).c_str());
 }
 
-int run_batch_elements(Host &h, std::vector<BatchElement> &elements, std::vector<Value> &values,
+int run_batch_elements(Host &h, const std::vector<BatchElement> &shown, std::vector<Value> &values,
                        int &calls_made);
 
 int cmd_read(Host &h) {
@@ -377,11 +393,7 @@ int cmd_read(Host &h) {
                 die(err.exit_code, err.message, h.opt.json);
             elements.push_back(std::move(e));
         }
-        const int init = h.start();
-        if (init != 0)
-            die(exit_for_status(init), std::string("bring-up failed: driver status ") +
-                                            std::to_string(init) + " (" + status_text(init) + ")",
-                h.opt.json);
+        h.start_or_die();
         int calls = 0;
         const int status = run_batch_elements(h, elements, values, calls);
         if (status != 0)
@@ -398,11 +410,7 @@ int cmd_read(Host &h) {
 
     SingleReadPlan plan;
     if (!plan_single_read(run, plan, err)) die(err.exit_code, err.message, h.opt.json);
-    const int init = h.start();
-    if (init != 0)
-        die(exit_for_status(init), std::string("bring-up failed: driver status ") +
-                                        std::to_string(init) + " (" + status_text(init) + ")",
-            h.opt.json);
+    h.start_or_die();
 
     std::vector<uint8_t> buffer(plan.buffer_bytes + kGuardBytes, kGuardByte);
     PlcRequest request = make_record(uint16_t(h.opt.device), *run.tag, plan.element_index);
@@ -442,11 +450,7 @@ int cmd_write(Host &h) {
     HostError err;
     if (!plan_write(run, values, ops, err)) die(err.exit_code, err.message, h.opt.json);
 
-    const int init = h.start();
-    if (init != 0)
-        die(exit_for_status(init), std::string("bring-up failed: driver status ") +
-                                        std::to_string(init) + " (" + status_text(init) + ")",
-            h.opt.json);
+    h.start_or_die();
     std::string json = "{\"status\":";
     std::string written;
     int final_status = 0;
@@ -472,8 +476,30 @@ int cmd_write(Host &h) {
 
 // ---- poll --------------------------------------------------------------------
 
-int run_batch_elements(Host &h, std::vector<BatchElement> &elements, std::vector<Value> &values,
+// The batch read folds records for consecutive elements of one variable into
+// one read item, and in an item of 8-bit elements it reads everything behind
+// a zero byte as 0. Elements of one 8-bit array that stand together are
+// therefore asked for from the highest down, which it never folds.
+std::vector<size_t> send_order(const std::vector<BatchElement> &elements) {
+    std::vector<size_t> order(elements.size());
+    std::iota(order.begin(), order.end(), size_t(0));
+    for (size_t i = 0; i < order.size();) {
+        const HostTag *tag = elements[i].tag;
+        size_t j = i + 1;
+        if (tag->is_array() && tag->type->bits == 8)
+            while (j < order.size() && elements[j].tag == tag) ++j;
+        std::sort(order.begin() + long(i), order.begin() + long(j),
+                  [&](size_t a, size_t b) { return elements[a].position > elements[b].position; });
+        i = j;
+    }
+    return order;
+}
+
+int run_batch_elements(Host &h, const std::vector<BatchElement> &shown, std::vector<Value> &values,
                        int &calls_made) {
+    const std::vector<size_t> order = send_order(shown);
+    std::vector<BatchElement> elements;
+    for (size_t k : order) elements.push_back(shown[k]);
     std::vector<PlcRequest> records;
     for (const BatchElement &e : elements) records.insert(records.end(), e.records.begin(), e.records.end());
     std::vector<char> ok(records.size(), 0);
@@ -496,12 +522,13 @@ int run_batch_elements(Host &h, std::vector<BatchElement> &elements, std::vector
         // A lost connection fails the rest of this poll too; leave the retry to the next poll.
         if (s == 2) break;
     }
-    values.clear();
+    values.assign(shown.size(), Value::none());
     size_t at = 0;
-    for (const BatchElement &e : elements) {
+    for (size_t i = 0; i < elements.size(); ++i) {
+        const BatchElement &e = elements[i];
         bool all = true;
         for (size_t k = 0; k < e.records.size(); ++k) all = all && ok[at + k];
-        values.push_back(all ? decode_batch_element(e, &records[at]) : Value::none());
+        if (all) values[order[i]] = decode_batch_element(e, &records[at]);
         at += e.records.size();
     }
     return status;
@@ -555,8 +582,10 @@ int cmd_poll(Host &h, const std::vector<std::string> &names) {
     };
     keep_driver_lines();
     if (init != 0 && !table)
-        std::fprintf(stderr, "plc-host: bring-up failed: driver status %d (%s); polling anyway\n",
-                     init, status_text(init));
+        std::fprintf(stderr,
+                     "plc-host: no connection to the controller at %s (bring-up: driver status %d); "
+                     "polling anyway\n",
+                     h.opt.controller_text.c_str(), init);
 
     size_t width = 4;
     for (const BatchElement &e : elements) width = std::max(width, e.label.size());
