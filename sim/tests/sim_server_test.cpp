@@ -49,10 +49,10 @@ Bytes UnitBody(uint32_t ot_id, uint16_t sequence, const Bytes &mr) {
 }
 
 Bytes Mr(uint8_t service, const Bytes &path, const Bytes &data) {
-    Bytes mr{service, uint8_t(path.size() / 2)};
-    mr.insert(mr.end(), path.begin(), path.end());
-    mr.insert(mr.end(), data.begin(), data.end());
-    return mr;
+    plc::wire::VecWriter w;
+    w.u8(service).u8(uint8_t(path.size() / 2)).bytes(path.data(), path.size());
+    w.bytes(data.data(), data.size());
+    return w.take();
 }
 
 const Bytes kCmPath = {0x20, 0x06, 0x24, 0x01};
