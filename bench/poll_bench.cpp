@@ -140,8 +140,9 @@ uint64_t value(const Counters &c, const char *key) {
 }
 
 // The simulator's published counters ("key value" lines). The file is
-// rewritten after each reply has gone out, so readers wait for the number of
-// messages they expect, or (not knowing it) for the counts to stand still.
+// rewritten with every message (a message without a reply may still be on its
+// way), so readers wait for the number of messages they expect, or (not
+// knowing it) for the counts to stand still.
 Counters read_counters(const std::string &path) {
     Counters values;
     std::ifstream in(path);
