@@ -170,13 +170,8 @@ int32_t single_read(PlcRequest &request, PlcData &data) {
     recv_data.fill(0);
     value_area.fill(0);
 
-    // Tag lists are named from the settings: before wk_plc_init there is none.
-    if (g_s_settings == nullptr) return 3;
-    char file_name[kCsvNameSize] = {};
-    TagTable *table = find_or_build_tagtable(g_s_settings, request, kReadLines, false, file_name);
-    if (table == nullptr) return 3;
-    if (!check_tag_id(*table, tag_id, file_name, kReadLines, false)) return 3;
-    const TagEntry *entry = find_entry(*table, tag_id);
+    TagTable *table = nullptr;
+    const TagEntry *entry = find_request_entry(g_s_settings, request, tag_id, kReadLines, &table);
     if (entry == nullptr) return 3;
     if (check_read_range(*entry, element, data.count) != 0) return 3;
     // A name the resolve request cannot carry is refused before any traffic.

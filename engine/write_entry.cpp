@@ -46,13 +46,8 @@ int32_t write_entry(PlcRequest &request, PlcData &data) {
     send_data.fill(0);
     recv_data.fill(0);
 
-    // Tag lists are named from the settings: before wk_plc_init there is none.
-    if (g_s_settings == nullptr) return 3;
-    char file_name[kCsvNameSize] = {};
-    TagTable *table = find_or_build_tagtable(g_s_settings, request, kWriteLines, false, file_name);
-    if (table == nullptr) return 3;
-    if (!check_tag_id(*table, tag_id, file_name, kWriteLines, false)) return 3;
-    const TagEntry *entry = find_entry(*table, tag_id);
+    TagTable *table = nullptr;
+    const TagEntry *entry = find_request_entry(g_s_settings, request, tag_id, kWriteLines, &table);
     if (entry == nullptr) return 3;
 
     // Whether the index is halved is decided by the variable's type: for an

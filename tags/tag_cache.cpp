@@ -189,4 +189,16 @@ bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
     return false;
 }
 
+const TagEntry *find_request_entry(const DriverSettings *settings, const PlcRequest &request,
+                                   uint32_t tag_id, const TagLookupLines &lines,
+                                   TagTable **table_out) {
+    // Tag lists are named from the settings: before wk_plc_init there is none.
+    if (settings == nullptr) return nullptr;
+    char file_name[kCsvNameSize] = {};
+    TagTable *table = find_or_build_tagtable(settings, request, lines, false, file_name);
+    if (table == nullptr || !check_tag_id(*table, tag_id, file_name, lines, false)) return nullptr;
+    *table_out = table;
+    return find_entry(*table, tag_id);
+}
+
 } // namespace plc

@@ -68,4 +68,13 @@ TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcReques
 bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
                   const TagLookupLines &lines, bool batch);
 
+// The whole lookup of a single read or write: the table named from the
+// settings and the request (found or built), the tag id checked against it,
+// and the entry of the tag id, with the table through table_out. Null when the
+// entry must return 3: after its message, or silently for an indexed tag
+// outside its group and before any settings were given.
+const TagEntry *find_request_entry(const DriverSettings *settings, const PlcRequest &request,
+                                   uint32_t tag_id, const TagLookupLines &lines,
+                                   TagTable **table_out);
+
 } // namespace plc
