@@ -16,6 +16,7 @@
 #include "engine/batch_read.h"
 #include "engine/single_request.h"
 #include "plc_driver.h"
+#include "platform/plc_ethernet.h"
 #include "tags/tag_cache.h"
 
 namespace plc {
@@ -59,9 +60,8 @@ int32_t wk_plc_init(DriverSettings *settings) {
     if (settings == nullptr) return PLC_STATUS_CONFIG_ERROR;
     return plc::guarded("wk_plc_init", PLC_STATUS_CONFIG_ERROR, false, [settings]() {
         wk_srand();
-        const uint32_t a = settings->ip_address;
-        std::snprintf(plc::ip_buff, sizeof plc::ip_buff, "%u.%u.%u.%u", (a >> 24) & 0xFFu,
-                      (a >> 16) & 0xFFu, (a >> 8) & 0xFFu, a & 0xFFu);
+        const auto text = plc::address_text(settings->ip_address);
+        std::snprintf(plc::ip_buff, sizeof plc::ip_buff, "%s", text.data());
         std::printf("[PLC] ");
         std::printf("server ip = %s", plc::ip_buff);
         std::printf(", at line: %d\r\n", 678);
