@@ -87,6 +87,19 @@ std::vector<uint8_t> LittleEndian(uint64_t value, uint32_t bytes) {
     return out;
 }
 
+uint64_t FromLittleEndian(const uint8_t *bytes, uint32_t count) {
+    uint64_t v = 0;
+    for (uint32_t i = count; i-- > 0;) v = (v << 8) | bytes[i];
+    return v;
+}
+
+// Two's complement of a `bits`-wide value, widened to 64 bits.
+uint64_t SignExtend(uint64_t v, uint32_t bits) {
+    if (bits == 0 || bits >= 64) return v;
+    const uint64_t sign = uint64_t(1) << (bits - 1);
+    return (v ^ sign) - sign;
+}
+
 struct IntText {
     bool negative = false;
     bool hex = false;
@@ -401,13 +414,8 @@ std::optional<int64_t> VariableStore::GetInteger(uint16_t index, uint64_t elemen
         return std::nullopt;
     uint8_t raw[8] = {};
     ReadBitsOf(var, element * var.element_bits, var.element_bits, raw);
-    uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) v = (v << 8) | raw[i];
-    if (kind == ValueKind::Signed && var.element_bits < 64) {
-        const uint64_t sign = uint64_t(1) << (var.element_bits - 1);
-        v = (v ^ sign) - sign;
-    }
-    return int64_t(v);
+    const uint64_t v = FromLittleEndian(raw, sizeof raw);
+    return int64_t(kind == ValueKind::Signed ? SignExtend(v, var.element_bits) : v);
 }
 
 bool VariableStore::SetInteger(uint16_t index, uint64_t element, int64_t value) {
@@ -438,17 +446,9 @@ std::string VariableStore::FormatElement(const Variable &var, uint64_t element) 
     if (var.type->kind == ValueKind::Bool) return BitAt(var.data, start) ? "true" : "false";
     const uint8_t *bytes = var.data.data() + start / 8;
     if (var.type->kind == ValueKind::Text) return QuoteText(bytes, var.str_len + 1);
-    uint64_t v = 0;
-    for (uint32_t i = var.type->bytes; i-- > 0;) v = (v << 8) | bytes[i];
+    const uint64_t v = FromLittleEndian(bytes, var.type->bytes);
     switch (var.type->kind) {
-    case ValueKind::Signed: {
-        const uint32_t bits = var.type->bytes * 8;
-        if (bits < 64) {
-            const uint64_t sign = uint64_t(1) << (bits - 1);
-            v = (v ^ sign) - sign;
-        }
-        return std::to_string(int64_t(v));
-    }
+    case ValueKind::Signed: return std::to_string(int64_t(SignExtend(v, var.type->bytes * 8)));
     case ValueKind::Unsigned: return std::to_string(v);
     case ValueKind::Real: {
         if (var.type->bytes == 4) {
