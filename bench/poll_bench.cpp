@@ -30,7 +30,7 @@
 #include "driver/plc_state.h"
 #include "eip/cip_connection_manager.h"
 #include "eip/eip_packet.h"
-#include "eip/wire.h"
+#include "util/wire.h"
 #include "engine/batch_read_core.h"
 #include "engine/cip_exchange.h"
 #include "plc_driver.h"

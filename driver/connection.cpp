@@ -3,10 +3,12 @@
 #include "driver/connection.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,10 +18,9 @@
 #include "driver/plc_state.h"
 #include "eip/cip_connection_manager.h"
 #include "eip/eip_session.h"
-#include "eip/wire.h"
-#include "engine/handle_store.h"
-#include "engine/request_set_cache.h"
+#include "plc_driver_sockets.h"
 #include "util/unique_fd.h"
+#include "util/wire.h"
 
 namespace plc {
 
@@ -30,19 +31,20 @@ constexpr int32_t kSessionTimeoutUs = 10000000;
 constexpr uint32_t kToConnectionId = 0x9D9D0029;
 constexpr uint32_t kRpiArgument = 7236;
 constexpr size_t kSessionFileNameSize = 32;
+constexpr mode_t kSessionFileMode = 0644;
 
-int get_interface_IP(const char *name) {
+Status get_interface_IP(const char *name) {
     const UniqueFd sock(::socket(AF_INET, SOCK_DGRAM, 0));
     if (sock.get() < 0) {
         std::perror("socket");
-        return 3;
+        return Status::ConfigError;
     }
     ifreq request{};
     std::strncpy(request.ifr_name, name, IFNAMSIZ - 1);
     request.ifr_addr.sa_family = AF_INET;
     if (::ioctl(sock.get(), SIOCGIFADDR, &request) < 0) {
         std::perror("ioctl");
-        return 3;
+        return Status::ConfigError;
     }
     sockaddr_in address{};
     std::memcpy(&address, &request.ifr_addr, sizeof address);
@@ -52,7 +54,7 @@ int get_interface_IP(const char *name) {
     const uint32_t host_order = ntohl(address.sin_addr.s_addr);
     lastTwoOctets = ((host_order >> 8) & 0xFFu) * 256u + (host_order & 0xFFu);
     std::printf("Last two octets in hex: 0x%.4x\n", lastTwoOctets);
-    return 0;
+    return Status::Ok;
 }
 
 void session_file_name(char (&name)[kSessionFileNameSize]) {
@@ -76,26 +78,27 @@ void release_leftovers() {
 
 } // namespace
 
-int get_eth0_IP() { return get_interface_IP("eth0"); }
+Status get_eth0_IP() { return get_interface_IP("eth0"); }
 
-int get_br0_IP() { return get_interface_IP("br0"); }
+Status get_br0_IP() { return get_interface_IP("br0"); }
 
 void save_session() {
     char name[kSessionFileNameSize];
     session_file_name(name);
-    std::FILE *file = std::fopen(name, "w");
-    if (file == nullptr) {
+    // Only a regular file is written, and opening never waits: a FIFO of that
+    // name without a reader is refused at once instead of blocking the host.
+    const UniqueFd fd(::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC,
+                             kSessionFileMode));
+    struct stat st {};
+    if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         std::printf("[PLC] open session_file fail\n at line %d\r\n", 143);
         return;
     }
     uint8_t bytes[4];
     wire::Writer(bytes, sizeof bytes).u32(serial_n);
-    size_t written = std::fwrite(bytes, sizeof bytes, 1, file);
-    // The four bytes sit in the stream's buffer until the close: a close
-    // that fails means they never reached the file.
-    if (std::fclose(file) != 0) written = 0;
-    if (written != 1) {
-        std::printf("save %d \n", static_cast<int>(written));
+    const bool written = ::write(fd.get(), bytes, sizeof bytes) == ssize_t{sizeof bytes};
+    if (!written) {
+        std::printf("save %d \n", 0);
     } else {
         std::printf("save:%s ok\n", name);
     }
@@ -104,18 +107,19 @@ void save_session() {
 void read_past_session() {
     char name[kSessionFileNameSize];
     session_file_name(name);
-    std::FILE *file = std::fopen(name, "rb+");
-    if (file == nullptr) {
+    // Read only from a regular file, opened without waiting (see save_session).
+    const UniqueFd fd(::open(name, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         std::printf("[PLC] open file error at line %d\r\n", 165);
         return;
     }
     uint8_t bytes[4] = {};
-    const size_t got = std::fread(bytes, 1, sizeof bytes, file);
-    std::fclose(file);
+    const ssize_t got = ::read(fd.get(), bytes, sizeof bytes);
     // A file of one to three bytes holds no complete number: like an empty
     // file it counts as no stored number, and serial_n keeps its value (a
     // fresh one is drawn and saved by the bring-up).
-    if (got < sizeof bytes) {
+    if (got < ssize_t{sizeof bytes}) {
         std::printf("[PLC] file is empty\n at line %d\r\n", 181);
         return;
     }
@@ -124,21 +128,21 @@ void read_past_session() {
     std::printf("serial_n:%d\n", static_cast<int>(serial_n));
 }
 
-int32_t OMRON_EIP_INIT(uint32_t force_new_serial) {
+Status OMRON_EIP_INIT(uint32_t force_new_serial) {
     init = 0;
-    if (get_eth0_IP() != 0 && get_br0_IP() != 0) {
+    if (get_eth0_IP() != Status::Ok && get_br0_IP() != Status::Ok) {
         std::printf("[PLC] get IP err at line %d\r\n", 625);
-        return 3;
+        return Status::ConfigError;
     }
 
     release_leftovers();
     session = _OpenSession(ip_buff, kControllerPort, kSessionBufferSize, kSessionTimeoutUs);
     if (!session) {
         std::printf("[PLC] OpenSession err at line %d\r\n", 630);
-        return 3;
+        return Status::ConfigError;
     }
     // A refused registration keeps the session; the next recovery closes it.
-    if (RegisterSession(*session) < 0) return -1;
+    if (RegisterSession(*session) < 0) return Status::RegisterRefused;
 
     if (serial_n == 0 || force_new_serial == 1) {
         serial_n = (static_cast<uint32_t>(std::rand()) + lastTwoOctets + deviceport) & 0xFFFFu;
@@ -152,14 +156,14 @@ int32_t OMRON_EIP_INIT(uint32_t force_new_serial) {
                                      _TimeOutMultiplier, kRpiArgument, _Transport, route_prefix, 0);
     if (!connection) {
         std::printf("[PLC] connection error at line %d\r\n", 652);
-        return 3;
+        return Status::ConfigError;
     }
     init = 1;
     std::printf("[PLC] init ok at line %d\r\n", 656);
-    return 0;
+    return Status::Ok;
 }
 
-int32_t recover_connection() {
+Status recover_connection() {
     if (connection) {
         Forward_Close(std::move(connection));
         connection.reset();
@@ -170,17 +174,8 @@ int32_t recover_connection() {
         session.reset();
     }
 
-    const int32_t status = OMRON_EIP_INIT(0);
-    if (status == 0) {
-        // Handles belong to the connection they were resolved on, and a
-        // remembered request set stands for handles prepared on it. Both go,
-        // whichever entry rebuilt the connection: a set left behind by a
-        // single read's rebuild would be read with handles that are gone.
-        free_data_link(INIT_RET_DATA.get());
-        INIT_RET_DATA.reset();
-        free_reg_link(node);
-        return 0;
-    }
+    const Status status = OMRON_EIP_INIT(0);
+    if (status == Status::Ok) return status;
     ++timeout_count;
     if (timeout_count > 3) {
         // The forced bring-up draws a new serial number. A session that the

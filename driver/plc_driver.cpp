@@ -12,12 +12,15 @@
 #include <exception>
 
 #include "driver/connection.h"
+#include "driver/driver_link.h"
 #include "driver/plc_state.h"
 #include "engine/batch_read.h"
+#include "engine/engine_state.h"
 #include "engine/single_request.h"
 #include "plc_driver.h"
 #include "platform/plc_ethernet.h"
 #include "tags/tag_cache.h"
+#include "util/status.h"
 
 namespace plc {
 namespace {
@@ -32,16 +35,16 @@ void report_exception(const char *entry, const char *what) {
 // Runs `body`, turning any exception into `status`; request entries also mark
 // the connection for rebuilding.
 template <typename Body>
-int32_t guarded(const char *entry, int32_t status, bool request_entry, Body &&body) noexcept {
+int32_t guarded(const char *entry, Status status, bool request_entry, Body &&body) noexcept {
     try {
-        return body();
+        return to_host(body());
     } catch (const std::exception &e) {
         report_exception(entry, e.what());
     } catch (...) {
         report_exception(entry, "unknown exception");
     }
     if (request_entry) init = 0;
-    return status;
+    return to_host(status);
 }
 
 } // namespace
@@ -50,15 +53,15 @@ int32_t guarded(const char *entry, int32_t status, bool request_entry, Body &&bo
 extern "C" {
 
 int32_t wk_plc_driver_info(DriverInfo *info) {
-    if (info == nullptr) return PLC_STATUS_CONFIG_ERROR;
+    if (info == nullptr) return plc::to_host(plc::Status::ConfigError);
     info->first = plc::kDriverInfoFirst;
     info->second = plc::kDriverInfoSecond;
-    return PLC_STATUS_OK;
+    return plc::to_host(plc::Status::Ok);
 }
 
 int32_t wk_plc_init(DriverSettings *settings) {
-    if (settings == nullptr) return PLC_STATUS_CONFIG_ERROR;
-    return plc::guarded("wk_plc_init", PLC_STATUS_CONFIG_ERROR, false, [settings]() {
+    if (settings == nullptr) return plc::to_host(plc::Status::ConfigError);
+    return plc::guarded("wk_plc_init", plc::Status::ConfigError, false, [settings]() {
         wk_srand();
         const auto text = plc::address_text(settings->ip_address);
         std::snprintf(plc::ip_buff, sizeof plc::ip_buff, "%s", text.data());
@@ -68,13 +71,13 @@ int32_t wk_plc_init(DriverSettings *settings) {
         plc::init_tag(plc::g_plc_tags);
         plc::label_reupdata = 1;
         plc::g_s_settings = settings;
-        return int32_t{PLC_STATUS_OK};
+        return plc::Status::Ok;
     });
 }
 
 int32_t wk_plc_init2(uint32_t /*unused1*/, uint32_t /*unused2*/, const uint8_t *device_port) {
-    if (device_port == nullptr) return PLC_STATUS_CONFIG_ERROR;
-    return plc::guarded("wk_plc_init2", PLC_STATUS_CONFIG_ERROR, false, [device_port]() {
+    if (device_port == nullptr) return plc::to_host(plc::Status::ConfigError);
+    return plc::guarded("wk_plc_init2", plc::Status::ConfigError, false, [device_port]() {
         plc::deviceport = *device_port;
         plc::read_past_session();
         return plc::OMRON_EIP_INIT(0);
@@ -83,28 +86,35 @@ int32_t wk_plc_init2(uint32_t /*unused1*/, uint32_t /*unused2*/, const uint8_t *
 
 int32_t wk_plc_read(PlcRequest *request, PlcData *data) {
     if (request == nullptr || data == nullptr || data->buffer == nullptr) {
-        return PLC_STATUS_CONFIG_ERROR;
+        return plc::to_host(plc::Status::ConfigError);
     }
-    return plc::guarded("wk_plc_read", PLC_STATUS_COMM_FAILURE, true,
-                        [request, data]() { return plc::single_read(*request, *data); });
+    return plc::guarded("wk_plc_read", plc::Status::CommFailure, true, [request, data]() {
+        plc::DriverLink link;
+        return plc::single_read(link, plc::g_s_settings, *request, *data);
+    });
 }
 
 int32_t wk_plc_write(PlcRequest *request, PlcData *data) {
     if (request == nullptr || data == nullptr || data->buffer == nullptr) {
-        return PLC_STATUS_CONFIG_ERROR;
+        return plc::to_host(plc::Status::ConfigError);
     }
-    return plc::guarded("wk_plc_write", PLC_STATUS_COMM_FAILURE, true,
-                        [request, data]() { return plc::write_entry(*request, *data); });
+    return plc::guarded("wk_plc_write", plc::Status::CommFailure, true, [request, data]() {
+        plc::DriverLink link;
+        return plc::write_entry(link, plc::g_s_settings, *request, *data);
+    });
 }
 
 int32_t wk_OMRON_plc_read(PlcRequest *requests, int32_t count) {
     // The batch names its tag list from the first record, even for a count of 0.
-    if (requests == nullptr) return PLC_STATUS_CONFIG_ERROR;
-    return plc::guarded("wk_OMRON_plc_read", PLC_STATUS_COMM_FAILURE, true,
-                        [requests, count]() { return plc::batch_read(requests, count); });
+    if (requests == nullptr) return plc::to_host(plc::Status::ConfigError);
+    return plc::guarded("wk_OMRON_plc_read", plc::Status::CommFailure, true,
+                        [requests, count]() {
+                            plc::DriverLink link;
+                            return plc::batch_read(link, plc::g_s_settings, requests, count);
+                        });
 }
 
-int32_t wk_OMRON_plc_register(void) { return PLC_STATUS_OK; }
+int32_t wk_OMRON_plc_register(void) { return plc::to_host(plc::Status::Ok); }
 
 void wk_plc_slave_main(void) {
     // The driver has no slave mode; the host's slave thread is parked here.

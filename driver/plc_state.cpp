@@ -11,9 +11,7 @@ std::unique_ptr<EipSession> session;
 std::unique_ptr<CipConnection> connection;
 uint32_t init = 0;
 uint32_t timeout_count = 0;
-uint32_t label_reupdata = 0;
-std::array<uint8_t, 10> recv_flag_data1{};
-ExchangeBuffer send_data{};
-ExchangeBuffer recv_data{};
+ExchangeBuffer send_data;
+ExchangeBuffer recv_data;
 
 } // namespace plc

@@ -1,19 +1,22 @@
-// Module state of the driver: one instance of each, shared by every entry point.
-// The host calls the entries one at a time, so nothing here is locked.
+// Module state of the driver front end: one instance of each, shared by every
+// entry point. The host calls the entries one at a time, so nothing here is
+// locked.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <memory>
 
+#include "eip/cip_connected.h"
 #include "eip/cip_connection_manager.h"
 #include "eip/eip_session.h"
-#include "plc_driver.h"
+#include "plc_driver_records.h"
 
 namespace plc {
 
-constexpr size_t kExchangeBufferSize = 65535;
-using ExchangeBuffer = std::array<uint8_t, kExchangeBufferSize>;
+// The request and reply buffers of every connected exchange; each holds the
+// largest encapsulation message.
+using ExchangeBuffer = std::array<uint8_t, kConnectedReceiveSize>;
 
 extern DriverSettings *g_s_settings;
 extern char ip_buff[20];
@@ -24,8 +27,6 @@ extern std::unique_ptr<EipSession> session;
 extern std::unique_ptr<CipConnection> connection;
 extern uint32_t init;
 extern uint32_t timeout_count;
-extern uint32_t label_reupdata;
-extern std::array<uint8_t, 10> recv_flag_data1;
 extern ExchangeBuffer send_data;
 extern ExchangeBuffer recv_data;
 

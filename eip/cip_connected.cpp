@@ -2,10 +2,10 @@
 
 #include <array>
 #include <cstdio>
-#include <new>
 
+#include "eip/cip.h"
 #include "eip/eip_packet.h"
-#include "eip/wire.h"
+#include "eip/mr_reply.h"
 
 namespace plc {
 
@@ -13,94 +13,133 @@ namespace {
 
 // Class segment xx, instance 0. The class byte is rewritten before every
 // request and keeps its last value in between.
-std::array<uint8_t, 4> CLASS_PATH{0x20, 0xB8, 0x24, 0x00};
+std::array<uint8_t, kClassPathSize> CLASS_PATH{cip::kSegmentClass8, cip::kClassVariable,
+                                               cip::kSegmentInstance8, 0x00};
 
-constexpr uint8_t kClassResolve = 0x6D;
-constexpr uint8_t kClassDefault = 0xB8;
-constexpr size_t kMrReplyFixed = 4;
 constexpr size_t kSequenceSize = 2;
 constexpr size_t kItemHeader = 4;
+constexpr size_t kConnectedAddressLength = 4;
+constexpr uint16_t kItemCount = 2;
 
-} // namespace
-
-std::optional<std::vector<uint8_t>> _ConnectedSend(EipSession &session, CipConnection &connection,
-                                                   const uint8_t *request, size_t size) {
-    const uint16_t sequence = connection.sequence;
-    connection.sequence = static_cast<uint16_t>(sequence + 1);
-
-    CpfItem address;
-    address.type_id = kItemConnectedAddress;
-    address.connection_id = connection.ot_conn_id;
-    CpfItem data;
-    data.type_id = kItemConnectedData;
-    data.sequence = sequence;
-
-    std::optional<EipMessage> reply;
-    // A request that cannot be described in one item is never sent; it ends
-    // like an exchange that got no answer.
-    if (size <= 0xFFFF && (size == 0 || request != nullptr)) {
-        data.length = static_cast<uint16_t>(size);
-        reply = _SendData_WaitReply(session, kEncapSendUnitData, address, nullptr, data, request);
-    }
-    if (!reply) {
-        LogCip(2, "!Exiting ConnectedSend with no response\r\n");
-        return std::nullopt;
-    }
-    // The next SendUnitData on the socket is the answer; its connection id and
-    // the sequence count it echoes are not compared with the request. Requests
-    // go one at a time and stale input is drained before every send, so the
-    // only reply that can be waiting is this request's.
-    const auto item = _GetDataItem(*reply);
-    if (!item) return std::nullopt;
-    const wire::Reader in(*reply);
-    const auto command = in.u16_at(0);
-    const auto length = in.u16_at(*item + 2);
-    if (!command || *command != kEncapSendUnitData || !length) return std::nullopt;
-    const auto begin = reply->begin() + static_cast<std::ptrdiff_t>(*item);
-    try {
-        return std::vector<uint8_t>(begin, begin + static_cast<std::ptrdiff_t>(kItemHeader + *length));
-    } catch (const std::bad_alloc &) {
-        return std::nullopt;
+uint16_t timeout_field(int32_t timeout_us) {
+    switch (Change_Time) {
+    case 0: return static_cast<uint16_t>(timeout_us % 1000000);
+    case 1: return static_cast<uint16_t>(timeout_us / 1000000);
+    default: return 8;
     }
 }
 
-int32_t CIP_TransRecv(EipSession *session, CipConnection *connection, const uint8_t *request,
-                      uint32_t request_len, uint8_t *reply, uint32_t *reply_len, uint8_t service,
-                      size_t reply_capacity) {
-    if (session == nullptr || connection == nullptr || reply == nullptr || reply_len == nullptr ||
-        (request_len > 0 && request == nullptr))
+// Writes the encapsulation header and both items in front of the
+// message-router request; false when the request cannot be described.
+bool frame_request(const EipSession &session, const CipConnection &connection, uint16_t sequence,
+                   const ConnectedBuffers &buffers, size_t mr_len) {
+    const size_t body = kConnectedMrRequestAt - kEncapHeaderSize + mr_len;
+    if (body > 0xFFFF || kConnectedMrRequestAt + mr_len > buffers.send.size) return false;
+    wire::Writer out(buffers.send.data, kConnectedMrRequestAt);
+    EncapHeader header;
+    header.command = kEncapSendUnitData;
+    header.length = static_cast<uint16_t>(body);
+    header.session_handle = session.handle;
+    header.sender_context = session.sender_context;
+    WriteEncapHeader(out, header);
+    out.u32(0).u16(timeout_field(session.timeout_us)).u16(kItemCount);
+    out.u16(kItemConnectedAddress).u16(kConnectedAddressLength).u32(connection.ot_conn_id);
+    out.u16(kItemConnectedData).u16(static_cast<uint16_t>(mr_len + kSequenceSize)).u16(sequence);
+    return out.ok() && out.size() == kConnectedMrRequestAt;
+}
+
+enum class Match { Ours, Malformed, Other };
+
+// Whether a received message answers the request with this sequence count on
+// this connection. A reply on our connection too short to echo a sequence
+// count is ours, and malformed.
+Match match_reply(wire::Bytes message, const CipConnection &connection, uint16_t sequence,
+                  size_t *data_item) {
+    const wire::Reader in(message);
+    if (in.u16_at(0) != kEncapSendUnitData) return Match::Other;
+    const auto address = _GetAdressItem(message);
+    const auto data = _GetDataItem(message);
+    if (!address || !data) return Match::Other;
+    if (in.u16_at(*address) != kItemConnectedAddress ||
+        in.u16_at(*address + 2) < kConnectedAddressLength ||
+        in.u32_at(*address + 4) != connection.to_conn_id)
+        return Match::Other;
+    const auto length = in.u16_at(*data + 2);
+    if (!length || *length < kSequenceSize) {
+        *data_item = *data;
+        return Match::Malformed;
+    }
+    if (in.u16_at(*data + kItemHeader) != sequence) return Match::Other;
+    *data_item = *data;
+    return Match::Ours;
+}
+
+} // namespace
+
+std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &connection,
+                                          const ConnectedBuffers &buffers, size_t mr_len) {
+    const uint16_t sequence = connection.sequence;
+    connection.sequence = static_cast<uint16_t>(sequence + 1);
+
+    // A request that cannot be described in one item is never sent; it ends
+    // like an exchange that got no answer.
+    bool sent = false;
+    if (frame_request(session, connection, sequence, buffers, mr_len)) {
+        discard_stale_input(session.sock);
+        sent = send_message(session.sock, buffers.send.data, kConnectedMrRequestAt + mr_len) >= 0;
+        if (!sent) std::puts("CipSendData err\r");
+    }
+    const auto deadline = deadline_after_us(session.timeout_us);
+    while (sent) {
+        const auto size = receive_message_into(session.sock, buffers.recv, deadline);
+        if (!size) break;
+        const wire::Bytes message{buffers.recv.data, *size};
+        size_t item = 0;
+        switch (match_reply(message, connection, sequence, &item)) {
+        case Match::Ours:
+        case Match::Malformed: {
+            const size_t length = *wire::Reader(message).u16_at(item + 2);
+            return wire::Bytes{message.data + item, kItemHeader + length};
+        }
+        case Match::Other: continue;
+        }
+    }
+    LogCip(2, "!Exiting ConnectedSend with no response\r\n");
+    return std::nullopt;
+}
+
+int32_t CIP_TransRecv(EipSession &session, CipConnection &connection,
+                      const ConnectedBuffers &buffers, size_t request_len, uint8_t service,
+                      wire::Bytes *reply) {
+    if (reply == nullptr || buffers.send.data == nullptr ||
+        buffers.send.size < kConnectedRequestHeadroom ||
+        request_len > buffers.send.size - kConnectedRequestHeadroom)
         return -1;
 
-    CLASS_PATH[1] = (service == kServiceResolveOrWrite && connection->write_mode != 1)
-                        ? kClassResolve
-                        : kClassDefault;
-    size_t size = 0;
-    const auto mr_request =
-        _BuildMRRequest(service, CLASS_PATH.data(), CLASS_PATH.size(), request, request_len, &size);
-    if (!mr_request) return -1;
+    CLASS_PATH[1] = (service == cip::kServiceResolveOrWrite && connection.write_mode != 1)
+                        ? cip::kClassResolve
+                        : cip::kClassVariable;
+    wire::Writer mr(buffers.send.data + kConnectedMrRequestAt,
+                    kConnectedRequestHeadroom - kConnectedMrRequestAt);
+    mr.u8(service).u8(kClassPathSize / 2).bytes(CLASS_PATH.data(), CLASS_PATH.size());
+    if (!mr.ok()) return -1;
 
-    Change_Time = (service == kServiceReadByHandle || connection->write_mode == 1) ? 1 : 0;
-    const auto item = _ConnectedSend(*session, *connection, mr_request->data(), size);
+    Change_Time = (service == cip::kServiceReadByHandle || connection.write_mode == 1) ? 1 : 0;
+    const auto item = _ConnectedSend(session, connection, buffers,
+                                     kConnectedRequestHeadroom - kConnectedMrRequestAt +
+                                         request_len);
     if (!item) return -1;
 
-    const wire::Reader in(*item);
-    const auto length = in.u16_at(2);
-    if (!length) return -1;
-    const long reply_size = long{*length} - static_cast<long>(kSequenceSize);
+    const long reply_size = long{*wire::Reader(*item).u16_at(2)} - long{kSequenceSize};
     if (reply_size < 0) {
         std::printf("[PLC] DATASIZE is incorrect at line %d\r\n", 868);
         return -1;
     }
-    if (static_cast<size_t>(reply_size) < kMrReplyFixed) {
+    if (static_cast<size_t>(reply_size) < kMrReplyFixedSize) {
         std::printf("[PLC] MR_Reply is incorrect at line %d\r\n", 854);
         return -1;
     }
-    // A reply larger than the caller's buffer is refused whole rather than cut.
-    const size_t at = kItemHeader + kSequenceSize;
-    if (static_cast<size_t>(reply_size) > reply_capacity || !in.has(at, reply_size))
-        return -1;
-    std::memcpy(reply, item->data() + at, static_cast<size_t>(reply_size));
-    *reply_len = static_cast<uint32_t>(reply_size);
+    *reply = wire::Bytes{item->data + kItemHeader + kSequenceSize, size_t(reply_size)};
     return 0;
 }
 

@@ -1,35 +1,56 @@
 // Connected explicit messaging: every variable request travels through
-// CIP_TransRecv as a SendUnitData on the class-3 connection.
+// CIP_TransRecv as a SendUnitData on the class-3 connection, built in place in
+// the caller's send buffer, and its reply is found in place in the receive
+// buffer. Nothing on this path allocates or copies a reply.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 #include "eip/cip_connection_manager.h"
 #include "eip/eip_session.h"
+#include "util/wire.h"
 
 namespace plc {
 
-// Largest message-router reply that fits in one encapsulation message.
-constexpr size_t kMaxMrReply = 65513;
+// Offsets of one connected request in the send buffer: the encapsulation
+// header, interface handle and timeout, item count, the connected address
+// item, the connected data item's type, length and sequence count, then the
+// message-router request (service, path size, class path) and its data.
+constexpr size_t kConnectedItemsAt = kEncapHeaderSize + 6;
+constexpr size_t kConnectedMrRequestAt = kConnectedItemsAt + 2 + 8 + 6;
+constexpr size_t kClassPathSize = 4;
+// Where the caller writes the request data of a connected request.
+constexpr size_t kConnectedRequestHeadroom = kConnectedMrRequestAt + 2 + kClassPathSize;
+// A receive buffer this large holds any message the controller can send.
+constexpr size_t kConnectedReceiveSize = kMaxEncapMessage;
 
-constexpr uint8_t kServiceReadByHandle = 0x55;
-constexpr uint8_t kServiceResolveOrWrite = 0x56;
+// The two buffers of connected exchanges: request data is written at
+// send.data + kConnectedRequestHeadroom; replies are received into recv
+// (at least kConnectedReceiveSize bytes).
+struct ConnectedBuffers {
+    wire::MutableBytes send;
+    wire::MutableBytes recv;
+};
 
-// Sends one message-router request over the connection as a SendUnitData with
-// the connection's next sequence count (the count advances whatever happens).
-// Returns a copy of the reply's connected data item (type, length, sequence
-// count, message-router reply), or none.
-std::optional<std::vector<uint8_t>> _ConnectedSend(EipSession &session, CipConnection &connection,
-                                                   const uint8_t *request, size_t size);
+// Frames the message-router request that lies at kConnectedMrRequestAt
+// (mr_len bytes) as a SendUnitData with the connection's next sequence count
+// (the count advances whatever happens), sends it and waits for the reply
+// that answers it: the same connection and sequence count. Other messages that
+// arrive meanwhile (a duplicate, a late reply to an earlier request) are
+// discarded and the wait goes on within the same time-out. Returns the reply's
+// connected data item (type, length, sequence count, message-router reply) as
+// a view into buffers.recv, or none.
+std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &connection,
+                                          const ConnectedBuffers &buffers, size_t mr_len);
 
-// Sends `service` with `request` to the class path and copies the message-router
-// reply into `reply` (at most reply_capacity bytes). 0 on success, -1 otherwise;
-// on -1 the reply buffer and *reply_len are unchanged.
-int32_t CIP_TransRecv(EipSession *session, CipConnection *connection, const uint8_t *request,
-                      uint32_t request_len, uint8_t *reply, uint32_t *reply_len, uint8_t service,
-                      size_t reply_capacity = kMaxMrReply);
+// Sends `service` with the request_len bytes of request data already written
+// at kConnectedRequestHeadroom, to the class path that the service and the
+// connection's write_mode choose. 0 with *reply set to the message-router
+// reply (from the reply service on, inside buffers.recv), -1 otherwise.
+int32_t CIP_TransRecv(EipSession &session, CipConnection &connection,
+                      const ConnectedBuffers &buffers, size_t request_len, uint8_t service,
+                      wire::Bytes *reply);
 
 } // namespace plc

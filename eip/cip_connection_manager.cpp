@@ -6,13 +6,13 @@
 #include <utility>
 
 #include "eip/eip_packet.h"
-#include "eip/wire.h"
+#include "eip/mr_reply.h"
+#include "util/wire.h"
 
 namespace plc {
 
 namespace {
 
-constexpr size_t kMrReplyFixed = 4;     // reply service, reserved, status, additional size
 constexpr size_t kMaxPathBytes = 510;   // the path size byte counts 16-bit words
 constexpr size_t kMaxItemPayload = 0xFFFF;
 constexpr uint32_t kOtConnIdRequested = 0x33000000;
@@ -20,13 +20,9 @@ constexpr uint32_t kRpiExtraUs = 392;
 constexpr size_t kForwardOpenFixed = 40;
 constexpr size_t kForwardCloseFixed = 12;
 
-struct Span {
-    size_t at;
-    size_t size;
-};
+} // namespace
 
-// Where the message-router reply lies in the data item of a received message.
-std::optional<Span> LocateMRReply(const EipMessage &message) {
+std::optional<MrSpan> _GetMRReply(wire::Bytes message) {
     const auto item = _GetDataItem(message);
     if (!item) return std::nullopt;
     const wire::Reader in(message);
@@ -50,8 +46,10 @@ std::optional<Span> LocateMRReply(const EipMessage &message) {
         break;
     }
     if (!in.has(*item + skip, size)) return std::nullopt;
-    return Span{*item + skip, size};
+    return MrSpan{*item + skip, size};
 }
+
+namespace {
 
 // Connection path padded to whole words, as Forward_Open and Forward_Close carry it.
 void WritePath(wire::Writer &out, const uint8_t *path, uint8_t path_len) {
@@ -82,27 +80,6 @@ std::optional<MrRequest> _BuildMRRequest(uint8_t service, const uint8_t *path, s
     }
 }
 
-std::optional<size_t> _GetMRReply(const EipMessage &message) {
-    const auto span = LocateMRReply(message);
-    if (!span) return std::nullopt;
-    return span->at;
-}
-
-std::optional<size_t> _GetMRReplySize(const EipMessage &message) {
-    const auto span = LocateMRReply(message);
-    if (!span) return std::nullopt;
-    return span->size;
-}
-
-std::optional<size_t> _GetMRData(const MrReply &reply) {
-    const wire::Reader in(reply);
-    const auto additional_words = in.u8_at(3);
-    if (!additional_words) return std::nullopt;
-    const size_t at = kMrReplyFixed + 2 * size_t{*additional_words};
-    if (at >= reply.size()) return std::nullopt;
-    return at;
-}
-
 std::optional<MrReply> _ExSendMRRequest(EipSession &session, const uint8_t *request, size_t size,
                                         size_t *reply_size) {
     if ((size > 0 && request == nullptr) || size > kMaxItemPayload) return std::nullopt;
@@ -114,7 +91,7 @@ std::optional<MrReply> _ExSendMRRequest(EipSession &session, const uint8_t *requ
 
     const auto answer = _SendRRData(session, address, nullptr, data, request);
     if (!answer) return std::nullopt;
-    const auto span = LocateMRReply(*answer);
+    const auto span = _GetMRReply(message_bytes(*answer));
     if (!span) return std::nullopt;
     try {
         MrReply reply(answer->begin() + static_cast<std::ptrdiff_t>(span->at),
@@ -167,14 +144,17 @@ std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priori
     if (!out.ok() || out.size() != kForwardOpenFixed + 2 * words) return nullptr;
 
     Change_Time = 0;
-    const auto reply = _SendMRRequest(session, kServiceLargeForwardOpen, CM_PATH.data(),
+    const auto reply = _SendMRRequest(session, cip::kServiceLargeForwardOpen, CM_PATH.data(),
                                       CM_PATH.size(), data.data(), out.size(), nullptr);
     if (!reply) return nullptr;
 
-    const wire::Reader in(*reply);
-    const auto status = in.u8_at(2);
-    const auto at = _GetMRData(*reply);
-    if (!status || *status != 0 || !at || !in.has(*at, 8)) return nullptr;
+    // Only a successful answer to this very service opens the connection: a
+    // late reply to the Forward_Close before it must not pass for one.
+    const auto view = parse_mr_reply(wire::Bytes{reply->data(), reply->size()});
+    if (check_mr_reply(view, cip::kServiceLargeForwardOpen) != ReplyCheck::Ok ||
+        view->data.size < 8)
+        return nullptr;
+    wire::Reader in(view->data);
 
     try {
         auto connection = std::make_unique<CipConnection>();
@@ -182,8 +162,8 @@ std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priori
         connection->conn_serial = conn_serial;
         connection->vendor_id = vendor_id;
         connection->orig_serial = orig_serial;
-        connection->ot_conn_id = *in.u32_at(*at);
-        connection->to_conn_id = *in.u32_at(*at + 4);
+        connection->ot_conn_id = in.u32();
+        connection->to_conn_id = in.u32();
         connection->sequence = 0;
         connection->path_len = path_len;
         connection->write_mode = 0;
@@ -214,14 +194,14 @@ int _ExForward_Close(EipSession &session, uint8_t priority, uint8_t ticks, uint1
 
     Change_Time = 8;
     size_t size = 0;
-    const auto reply = _SendMRRequest(session, kServiceForwardClose, CM_PATH.data(),
+    const auto reply = _SendMRRequest(session, cip::kServiceForwardClose, CM_PATH.data(),
                                       CM_PATH.size(), data.data(), out.size(), &size);
     if (!reply) return -1;
     LogCip(3, "_ExForward_Close : reply=%p (%d)\r\n", static_cast<const void *>(reply->data()),
            static_cast<int>(size));
     // A reply too short to hold a general status says nothing about the close.
-    const auto status = wire::Reader(*reply).u8_at(2);
-    return status ? int{*status} : -1;
+    const auto view = parse_mr_reply(wire::Bytes{reply->data(), reply->size()});
+    return view ? int{view->general_status} : -1;
 }
 
 int Forward_Close(std::unique_ptr<CipConnection> connection) {

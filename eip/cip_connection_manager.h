@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "eip/cip.h"
 #include "eip/eip_session.h"
 
 namespace plc {
@@ -25,13 +26,13 @@ constexpr uint8_t _TimeOut_Ticks_1 = 0xF7;
 
 // Connection manager (class 0x06, instance 1): where Forward_Open and
 // Forward_Close are sent.
-inline constexpr std::array<uint8_t, 4> CM_PATH{0x20, 0x06, 0x24, 0x01};
+inline constexpr std::array<uint8_t, 4> CM_PATH{cip::kSegmentClass8, cip::kClassConnectionManager,
+                                               cip::kSegmentInstance8, 0x01};
 // Port 1, link 0, then the message router (class 0x02, instance 1): the
 // connection path.
-inline constexpr std::array<uint8_t, 6> ROUTER_PATH{0x01, 0x00, 0x20, 0x02, 0x24, 0x01};
+inline constexpr std::array<uint8_t, 6> ROUTER_PATH{
+    0x01, 0x00, cip::kSegmentClass8, cip::kClassMessageRouter, cip::kSegmentInstance8, 0x01};
 
-constexpr uint8_t kServiceLargeForwardOpen = 0x5B;
-constexpr uint8_t kServiceForwardClose = 0x4E;
 constexpr uint32_t kConnParamsDefault = 0x43F807CC;
 constexpr uint32_t kConnParamsModes12 = 0x00004302;
 
@@ -70,13 +71,15 @@ std::optional<MrReply> _SendMRRequest(EipSession &session, uint8_t service, cons
                                       size_t path_len, const uint8_t *data, size_t data_len,
                                       size_t *reply_size);
 
-// Offset and size of the message-router reply inside a received message's
-// data item; none when there is no data item or the reply would not fit in it.
-std::optional<size_t> _GetMRReply(const EipMessage &message);
-std::optional<size_t> _GetMRReplySize(const EipMessage &message);
-// Offset of the response data in a message-router reply; none when the reply
-// is too short for its fixed part and additional status, or carries no data.
-std::optional<size_t> _GetMRData(const MrReply &reply);
+// Where the message-router reply lies inside a received message's data item
+// (by the item's type: behind the sequence count of a connected item, behind
+// the 28 fixed bytes of a sockaddr item); none when there is no data item or
+// the reply would not fit in it.
+struct MrSpan {
+    size_t at;
+    size_t size;
+};
+std::optional<MrSpan> _GetMRReply(wire::Bytes message);
 
 // Large_Forward_Open; the new connection, or none when refused or unanswered.
 std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priority,

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <new>
 
-#include "eip/wire.h"
+#include "util/wire.h"
 
 namespace plc {
 
@@ -25,15 +25,15 @@ std::optional<uint16_t> RequestLength(const EipRequest &request) {
 
 // End of the bytes a received message really holds: its announced size, but
 // never beyond what was received.
-size_t MessageEnd(const EipMessage &message) {
+size_t MessageEnd(wire::Bytes message) {
     const auto length = wire::Reader(message).u16_at(kLengthField);
     if (!length) return 0;
-    return std::min(message.size(), kEncapHeaderSize + size_t{*length});
+    return std::min(message.size, kEncapHeaderSize + size_t{*length});
 }
 
 // An item header at `at` whose announced length lies wholly inside the message.
-std::optional<size_t> ItemInside(const EipMessage &message, size_t at) {
-    const wire::Reader in(message.data(), MessageEnd(message));
+std::optional<size_t> ItemInside(wire::Bytes message, size_t at) {
+    const wire::Reader in(message.data, MessageEnd(message));
     const auto length = in.u16_at(at + 2);
     if (!in.has(at, 4) || !length || !in.has(at + 4, *length)) return std::nullopt;
     return at;
@@ -184,7 +184,8 @@ std::optional<EipRequest> _BuildRequest(const EipSession &session, CpfItem &addr
 
 std::optional<EipMessage> CipSendData_WaitReply(int sock, const EipRequest &request,
                                                 int32_t /*unused_timeout*/, int32_t timeout_us) {
-    _CIPEmptyBuffer(sock);
+    // CipSendData discards stale input itself; a second discard just before
+    // it could find nothing new.
     if (CipSendData(sock, request.data(), request.size()) < 0) {
         std::puts("CipSendData err\r");
         return std::nullopt;
@@ -209,8 +210,8 @@ std::optional<EipMessage> _SendRRData(EipSession &session, CpfItem &address,
                                data_payload);
 }
 
-std::optional<size_t> _GetEipCPF(const EipMessage &message) {
-    const auto header = ParseEncapHeader(message.data(), message.size());
+std::optional<size_t> _GetEipCPF(wire::Bytes message) {
+    const auto header = ParseEncapHeader(message.data, message.size);
     if (!header || header->length < 2) return std::nullopt;
     size_t at;
     switch (header->command) {
@@ -221,22 +222,18 @@ std::optional<size_t> _GetEipCPF(const EipMessage &message) {
     case kEncapSendUnitData: at = kEncapHeaderSize + 6; break;
     default: return std::nullopt;
     }
-    if (!wire::Reader(message.data(), MessageEnd(message)).has(at, 2)) return std::nullopt;
+    if (!wire::Reader(message.data, MessageEnd(message)).has(at, 2)) return std::nullopt;
     return at;
 }
 
-std::optional<size_t> _GetEipCommonPacket(const EipMessage &message) {
-    return _GetEipCPF(message);
-}
-
-std::optional<size_t> _GetAdressItem(const EipMessage &message) {
+std::optional<size_t> _GetAdressItem(wire::Bytes message) {
     // The item count is not examined: the first item is the address item.
     const auto cpf = _GetEipCPF(message);
     if (!cpf) return std::nullopt;
     return ItemInside(message, *cpf + 2);
 }
 
-std::optional<size_t> _GetDataItem(const EipMessage &message) {
+std::optional<size_t> _GetDataItem(wire::Bytes message) {
     const auto address = _GetAdressItem(message);
     if (!address) return std::nullopt;
     const auto length = wire::Reader(message).u16_at(*address + 2);

@@ -77,8 +77,8 @@ std::optional<EipMessage> _SendData_WaitReply(EipSession &session, uint16_t comm
                                               CpfItem &address, const uint8_t *address_payload,
                                               CpfItem &data, const uint8_t *data_payload);
 
-// Discards stale input, sends `request` and waits up to timeout_us for the
-// next message. The third argument is not used.
+// Sends `request` (CipSendData discards stale input first) and waits up to
+// timeout_us for the next message. The third argument is not used.
 std::optional<EipMessage> CipSendData_WaitReply(int sock, const EipRequest &request,
                                                 int32_t unused_timeout, int32_t timeout_us);
 
@@ -87,11 +87,14 @@ std::optional<EipMessage> _SendRRData(EipSession &session, CpfItem &address,
                                       const uint8_t *address_payload, CpfItem &data,
                                       const uint8_t *data_payload);
 
-// Offsets into a received message. Each is none when the message carries no
-// common packet format or when the item would not lie wholly inside it.
-std::optional<size_t> _GetEipCPF(const EipMessage &message);
-std::optional<size_t> _GetEipCommonPacket(const EipMessage &message);
-std::optional<size_t> _GetAdressItem(const EipMessage &message);
-std::optional<size_t> _GetDataItem(const EipMessage &message);
+// Offsets into a received message (its whole bytes, header first). Each is
+// none when the message carries no common packet format or when the item
+// would not lie wholly inside it.
+std::optional<size_t> _GetEipCPF(wire::Bytes message);
+std::optional<size_t> _GetAdressItem(wire::Bytes message);
+std::optional<size_t> _GetDataItem(wire::Bytes message);
+inline wire::Bytes message_bytes(const EipMessage &message) {
+    return wire::Bytes{message.data(), message.size()};
+}
 
 } // namespace plc

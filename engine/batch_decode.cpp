@@ -2,7 +2,9 @@
 
 #include <cstdio>
 
-#include "eip/wire.h"
+#include "tags/cip_types.h"
+#include "tags/dim_kind.h"
+#include "util/wire.h"
 
 namespace plc {
 
@@ -10,8 +12,6 @@ std::array<StringInfoRecord, kStringInfoCapacity> StringInfo{};
 uint32_t string_id = 0;
 
 namespace {
-
-constexpr uint16_t kTimeTypeCode = 0xD6;
 
 // Appends to the text; a part that would not fit is dropped (the longest
 // possible text, 49d23h59m59s999.999ms, is far below the buffer size).
@@ -86,44 +86,42 @@ uint32_t time_text_unit(const TimeText &text, uint32_t unit) {
     return uint32_t(uint8_t(text[at])) | uint32_t(uint8_t(text[at + 1])) << 8;
 }
 
-int decode_batch_values(const uint8_t *area, size_t area_len, const BatchSlot *slots, int32_t n,
-                        const TagTable &table, PlcRequest *records) {
-    if (n <= 0) return 0;
-    if (slots == nullptr || records == nullptr || (area == nullptr && area_len != 0)) return 3;
-    wire::Reader in(area, area_len);
-    const size_t total = static_cast<size_t>(n);
+Status decode_batch_values(wire::Bytes area, const BatchSlot *slots, size_t n,
+                           const TagTable &table, PlcRequest *records) {
+    wire::Reader in(area);
+    const size_t total = n;
     TimeText text{};
 
     size_t i = 0;
     while (i < total) {
         const BatchSlot &slot = slots[i];
         const TagEntry *entry = find_entry(table, slot.tag_id);
-        if (entry == nullptr) return 3;
+        if (entry == nullptr) return Status::ConfigError;
         const size_t count = slot.count;
         // The classification never produces these; a slot of count 0 would
         // stall the walk and one reaching past the records would overrun them.
-        if (count == 0 || count > total - i) return 3;
+        if (count == 0 || count > total - i) return Status::ConfigError;
 
         // Every slot's bytes are checked before its records are touched, so a
         // value area cut short never yields zeros reported as values.
-        if (entry->type_code == kTimeTypeCode) {
-            if (in.remaining() < 8) return 2;
+        if (entry->type_code == kTypeTime) {
+            if (in.remaining() < 8) return Status::CommFailure;
             format_time_text(in.u64(), text);
             for (size_t j = 0; j < count; ++j) {
                 records[i + j].result = time_text_unit(text, slot.element + uint32_t(j));
             }
             i += count;
         } else if (entry->bits == 1) {
-            if (in.remaining() < 2) return 2;
+            if (in.remaining() < 2) return Status::CommFailure;
             records[i].result = in.u8() != 0 ? 1u : 0u;
             in.skip(1);
             i += 1;
         } else if (entry->bits == 16) {
-            if (in.remaining() / 2 < count) return 2;
+            if (in.remaining() / 2 < count) return Status::CommFailure;
             for (size_t j = 0; j < count; ++j) records[i + j].result = in.u16();
             i += count;
         } else if (entry->bits == 32) {
-            if (in.remaining() / 4 < count) return 2;
+            if (in.remaining() / 4 < count) return Status::CommFailure;
             for (size_t j = 0; j < count; ++j) records[i + j].result = in.u32();
             i += count;
         } else if (entry->bits == 8 || entry->bits == 0) {
@@ -133,9 +131,9 @@ int decode_batch_values(const uint8_t *area, size_t area_len, const BatchSlot *s
             // its records get defined values and the cursor stays on the layout
             // the exchange asked for.
             const size_t size = byte_rule_size(count);
-            if (in.remaining() < size) return 2;
+            if (in.remaining() < size) return Status::CommFailure;
             bool empty = false;
-            if (entry->bits == 0 && is_plain_tag_id(slot.tag_id) && entry->dim_type == 3) {
+            if (entry->bits == 0 && slot.tag_id < PLC_INDEXED_TAG_BASE && entry->dim_type == kDimString) {
                 empty = string_is_empty(slot, *in.u8_at(in.pos()));
             }
             bool ended = false;
@@ -147,10 +145,10 @@ int decode_batch_values(const uint8_t *area, size_t area_len, const BatchSlot *s
             in.skip(size - count);
             i += count;
         } else {
-            return 2;
+            return Status::CommFailure;
         }
     }
-    return 0;
+    return Status::Ok;
 }
 
 } // namespace plc

@@ -7,8 +7,10 @@
 #include <cstdint>
 
 #include "engine/classify.h"
-#include "plc_driver.h"
+#include "plc_driver_records.h"
 #include "tags/tag_cache.h"
+#include "util/status.h"
+#include "util/wire.h"
 
 namespace plc {
 
@@ -36,19 +38,12 @@ size_t format_time_text(uint64_t nanoseconds, TimeText &text);
 // in the low byte; 0 past the text and past the buffer.
 uint32_t time_text_unit(const TimeText &text, uint32_t unit);
 
-// Value bytes one read item occupies in the value area: its bit length rounded
-// up to whole bytes, then to an even number of bytes.
-inline size_t item_value_bytes(uint32_t bit_length) {
-    const size_t bytes = (size_t(bit_length) + 7) / 8;
-    return bytes + (bytes & 1u);
-}
-
-// Decodes the value area (area_len bytes) into records[0..n) following the
-// slots' runs. 0 when every record was written; 3 for a tag id without an
-// entry; 2 for a type without a decoding, or when the area holds fewer bytes
-// than the slots need (the caller then clears init). Records of slots before a
-// failing one have been written. Allocates nothing.
-int decode_batch_values(const uint8_t *area, size_t area_len, const BatchSlot *slots, int32_t n,
-                        const TagTable &table, PlcRequest *records);
+// Decodes the value area into records[0..n) following the slots' runs: Ok
+// when every record was written; ConfigError for a tag id without an entry;
+// CommFailure for a type without a decoding, or when the area holds fewer
+// bytes than the slots need (the caller then reports the connection broken).
+// Records of slots before a failing one have been written. Allocates nothing.
+Status decode_batch_values(wire::Bytes area, const BatchSlot *slots, size_t n,
+                           const TagTable &table, PlcRequest *records);
 
 } // namespace plc

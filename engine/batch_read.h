@@ -3,11 +3,14 @@
 
 #include <cstdint>
 
-#include "plc_driver.h"
+#include "engine/link.h"
+#include "plc_driver_records.h"
+#include "util/status.h"
 
 namespace plc {
 
-// The host's batch read (wk_OMRON_plc_read): 0, 2 or 3.
-int32_t batch_read(PlcRequest *requests, int32_t count);
+// The host's batch read (wk_OMRON_plc_read).
+Status batch_read(ControllerLink &link, const DriverSettings *settings, PlcRequest *requests,
+                  int32_t count);
 
 } // namespace plc

@@ -1,20 +1,23 @@
-// Classification of one batch: which controller variables must be prepared
-// (INIT_TAG) and how the requests fold into read items (the slots' counts).
+// Classification of one batch: how its records fold into read items (the
+// slots' counts), checked before any traffic, and which controller variables
+// must be prepared for it (INIT_TAG).
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 
+#include "engine/element_rules.h"
+#include "engine/handle_store.h"
 #include "engine/request_set_cache.h"
-#include "plc_driver.h"
+#include "plc_driver_records.h"
 #include "tags/tag_cache.h"
+#include "util/status.h"
 
 namespace plc {
 
-constexpr size_t kBatchCapacity = 100;   // records per batch call
-constexpr uint16_t kMaxRunLength = 50;   // slots folded into one read item at most
-constexpr size_t kInitNameSize = 512;    // name text of one variable to prepare
+constexpr size_t kBatchCapacity = 100; // records per batch call
+constexpr uint16_t kMaxRunLength = 50; // slots folded into one read item at most
 
 // One request of the current batch.
 struct BatchSlot {
@@ -25,9 +28,10 @@ struct BatchSlot {
 
 // One variable to prepare, with the request it was made from.
 struct InitTagEntry {
-    std::array<char, kInitNameSize> name{}; // zero-terminated
+    NameText name{}; // zero-terminated
     uint32_t tag_id = 0;
     uint32_t element = 0;
+    bool by_element = false; // a BOOL array element resolved by itself
 };
 
 extern std::array<BatchSlot, kBatchCapacity> OMRON_TEMP;
@@ -35,40 +39,32 @@ extern std::array<InitTagEntry, kBatchCapacity> INIT_TAG;
 extern uint32_t reg_init_num;     // variables to prepare (records written to INIT_TAG)
 extern uint32_t reg_interact_num; // read items of the batch
 
-// 0 when the batch call can be taken, 3 when it is refused before anything else
-// is done: a count below 0 or above 100, no record array, or a record whose
-// count field is 0 or stands for records beyond the last one.
-int check_batch_records(const PlcRequest *records, int32_t count);
+// Ok when the batch call can be taken, ConfigError when it is refused before
+// anything else is done: a count below 0 or above 100, no record array, or a
+// record whose count field is 0 or stands for records beyond the last one.
+Status check_batch_records(const PlcRequest *records, int32_t count);
 
-// Unpacks records[0..count) (count already checked) into slots and the
+// Unpacks records[0..count) (count already checked) into OMRON_TEMP and the
 // request-set key; composing a tag id writes 0 back into a high part of 1..3.
-void unpack_batch_records(PlcRequest *records, int32_t count, BatchSlot *slots,
-                          RequestSetKey &key);
+void unpack_batch_records(PlcRequest *records, int32_t count, RequestSetKey &key);
 
-// The element width rules the classification, the exchange and the decoding share.
-inline bool is_plain_scalar(const TagEntry &e) {
-    return e.hi1 == 0 && e.str_len == 0 && e.type_code != 0xD6;
-}
-inline bool is_bool_array(const TagEntry &e) { return !is_plain_scalar(e) && e.bits == 1; }
-inline bool is_plain_tag_id(uint32_t tag_id) { return tag_id < PLC_INDEXED_TAG_BASE; }
+// A scalar the tag list names plainly (read by name, one element), a BOOL
+// array (its elements resolved one by one), or anything else (read whole,
+// runs of consecutive elements folded into one item).
+bool is_plain_scalar(const TagEntry &e);
+bool is_bool_array(const TagEntry &e);
 
-// Outcome of a classification: 0, or 3 when the batch is refused before any
-// traffic (see classify_batch).
-constexpr int kClassifyOk = 0;
-constexpr int kClassifyRefused = 3;
+// Folds the runs of OMRON_TEMP[0..n) into read items (reg_interact_num) and
+// checks every record against the table: ConfigError for a tag id without an
+// entry, an element outside its variable, or a record asking for more than one
+// element of a scalar or a BOOL element. Nothing is sent for a refused batch.
+Status Reg_Classify_Sort(const TagTable &table, int32_t n);
 
-// Classifies slots[0..n) against the table: writes the names to prepare into
-// names (capacity kBatchCapacity), sets the first slot of every folded run to
-// the run's length, and stores the number of names and of read items. Allocates
-// nothing. Returns kClassifyOk or kClassifyRefused.
-int classify_batch(const TagTable &table, BatchSlot *slots, int32_t n, InitTagEntry *names,
-                   uint32_t &init_num, uint32_t &interact_num);
+// Lists the variables the folded batch needs prepared in INIT_TAG
+// (reg_init_num), each once, in the order of their first request.
+void list_init_tags(const TagTable &table, int32_t n);
 
-// classify_batch on OMRON_TEMP, INIT_TAG, reg_init_num and reg_interact_num.
-int Reg_Classify_Sort(const TagTable &table, int32_t n);
-
-// Forms the name of one element of a BOOL array into out (kInitNameSize bytes):
-// true, or false when the element lies outside the array or a dimension is empty.
-bool format_bool_element_name(const TagEntry &entry, uint32_t element, char *out);
+// The handle key of the item that slot heads.
+HandleKey slot_handle_key(const TagTable &table, const TagEntry &entry, const BatchSlot &slot);
 
 } // namespace plc

@@ -1,50 +1,63 @@
-// Store of resolved variable handles, keyed by tag id (and element index for
-// BOOL variables), newest first.
+// Store of resolved variable handles. A handle belongs to one tag list, one
+// tag id, and either the whole variable or the one element it was resolved
+// for: two devices' lists never share a handle, and a handle resolved for a
+// whole BOOL array never stands in for one of its elements.
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
-
-#include "tags/tag_cache.h"
+#include <unordered_map>
 
 namespace plc {
 
 using VarHandle = std::array<uint8_t, 10>;
 
+// Element of a key that stands for the whole variable; element indexes are
+// 16-bit, so it names no element.
+constexpr uint32_t kWholeVariable = 0xFFFFFFFFu;
+
+struct HandleKey {
+    uint32_t table = 0;   // serial of the tag list's table
+    uint32_t tag_id = 0;
+    uint32_t element = 0; // the element resolved by itself, or kWholeVariable
+    bool operator==(const HandleKey &o) const {
+        return table == o.table && tag_id == o.tag_id && element == o.element;
+    }
+};
+
+// A 32-bit mix of every field: the panel's size_t is 32 bits wide, and a key
+// folded by truncation would put whole lists into one bucket.
+struct HandleKeyHash {
+    size_t operator()(const HandleKey &k) const;
+};
+
+// One stored handle.
 struct DataNode {
     VarHandle handle{};
-    uint32_t tag_id = 0;
-    uint32_t element = 0;
-    std::unique_ptr<DataNode> next;
 };
 
 struct DataLink {
-    uint32_t count = 0;
-    std::unique_ptr<DataNode> first;
-
-    DataLink() = default;
-    DataLink(const DataLink &) = delete;
-    DataLink &operator=(const DataLink &) = delete;
-    // One node at a time: a list with a node per BOOL element can be long
-    // enough that releasing it recursively would exhaust the stack.
-    ~DataLink() {
-        while (first) first = std::move(first->next);
-    }
+    uint32_t count = 0; // handles stored
+    std::unordered_map<HandleKey, DataNode, HandleKeyHash> nodes;
 };
 
 extern std::unique_ptr<DataLink> INIT_RET_DATA;
 
+// 0, or -1 when no memory.
 int create_data_link(std::unique_ptr<DataLink> &head);
-int add_data_node(DataLink &head, uint32_t element, uint32_t tag_id, const VarHandle &handle);
-int del_head_link(DataLink &head);
-// Sets label_reupdata to 1; -1 for no list, else frees every node (the caller
-// then resets its pointer).
+// Sets label_reupdata to 1 (every variable is resolved again before its next
+// use); -1 for no store, else empties it (the caller then drops its pointer).
 int free_data_link(DataLink *head);
-int queue_data_link(std::unique_ptr<DataLink> &head, uint32_t element, uint32_t tag_id,
-                    const VarHandle &handle, const TagTable &table);
-int locate_link(const DataLink *head, uint32_t element, uint32_t tag_id, const TagTable &table);
-int copy_from_link(const DataLink *head, uint32_t element, uint32_t tag_id, VarHandle &out,
-                   const TagTable &table);
+// Stores the handle under the key: 1 when a handle was replaced, 0 when added,
+// -1 when memory ran out (the store is unchanged).
+int queue_data_link(std::unique_ptr<DataLink> &head, const HandleKey &key,
+                    const VarHandle &handle);
+// 1 when a handle is stored under the key, else 0.
+int locate_link(const DataLink *head, const HandleKey &key);
+// Copies the handle stored under the key: 0, or -1 when there is none (and
+// "head null" is printed when there is no store at all).
+int copy_from_link(const DataLink *head, const HandleKey &key, VarHandle &out);
 
 } // namespace plc

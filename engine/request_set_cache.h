@@ -1,6 +1,5 @@
-// Cache of the request sets seen on the current connection: a set found here
-// has had its variables prepared already, so the batch read can skip straight
-// to the exchange.
+// Cache of the request sets whose variables are prepared on the current
+// connection: a set found here goes straight to the batch exchange.
 #pragma once
 
 #include <array>
@@ -19,13 +18,18 @@ struct RequestSetKey {
     std::array<uint32_t, kRequestSetCapacity> elements{};
     std::array<uint32_t, kRequestSetCapacity> tag_ids{};
     uint16_t pairs = 0;
+    uint32_t hash = 0; // of the pairs, so that sets are told apart with one comparison
 };
+
+// Fills in key.hash from the pairs.
+void hash_request_set(RequestSetKey &key);
 
 // One node of the list. The head has the same layout but holds no set: only its
 // set counter is meaningful. Set nodes follow the head, newest first.
 struct RegLink {
     uint8_t count = 0;        // pairs in this set
     uint16_t set_counter = 0; // head only: sets added since the head was made
+    uint32_t hash = 0;
     std::array<uint32_t, kRequestSetCapacity> elements{};
     std::array<uint32_t, kRequestSetCapacity> tag_ids{};
     std::unique_ptr<RegLink> next;
@@ -38,23 +42,20 @@ struct RegLink {
     ~RegLink();
 };
 
-// The remembered sets of the current connection; empty until the first batch.
+// The prepared sets of the current connection; empty until the first batch.
 extern std::unique_ptr<RegLink> node;
 
 // A new head with its counter and link cleared, or nullptr when memory is short.
 std::unique_ptr<RegLink> create_link();
 
-// Adds the set behind the head: 0, or -1 when the node cannot be allocated (or
-// the set is larger than a node holds); the list is unchanged on -1.
-int build_node(RegLink &head, const uint32_t *elements, const uint32_t *tag_ids, uint16_t pairs);
+// Remembers the set behind the head (made when missing): 0, or -1 when memory
+// is short (the list is unchanged, and the set is simply prepared again).
+int build_node(std::unique_ptr<RegLink> &head, const RequestSetKey &key);
 
-// 1 when the ordered (element, tag id) pairs are already remembered; otherwise
-// the result of adding them (0 added, -1 not added). Creates the head on first use.
-int Query_node(std::unique_ptr<RegLink> &head, const uint32_t *elements, const uint32_t *tag_ids,
-               uint16_t pairs);
-
-// Unlinks and frees the newest set node (nothing when there is none); 0.
-int del_reg_link(RegLink &head);
+// 1 when the set is remembered, else 0. Sets are remembered only once their
+// variables have been prepared, so a set whose preparation failed is prepared
+// again by its next call.
+int Query_node(const RegLink *head, const RequestSetKey &key);
 
 // -1 for an empty pointer; otherwise frees every set node and the head, leaves
 // the pointer empty and returns 0.

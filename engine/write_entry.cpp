@@ -1,82 +1,76 @@
 // The host's write: tag and element checks, recovery of a lost connection,
-// then one write request.
-#include "driver/connection.h"
-#include "engine/single_codec.h"
+// then one write request carried by handle.
+#include <cstdio>
+
 #include "engine/single_request.h"
+#include "engine/write_codec.h"
 #include "tags/cip_types.h"
 
 namespace plc {
 
 namespace {
+
 constexpr TagLookupLines kWriteLines{1571, 1576, 1587, 1592};
+constexpr int kLineTransRecv = 1518;
+
 } // namespace
 
-int32_t check_write_range(const TagEntry &entry, uint32_t element, uint32_t count,
-                          bool double_word) {
-    // A BOOL or a TIME write carries one element whatever the count says.
-    const bool single = entry.bits == 1 || entry.type_code == kTypeTime;
-    const uint64_t run = single ? 1 : count;
-    uint64_t first = element;
-    uint64_t last = first + (run > 0 ? run - 1 : 0);
-    if (double_word) {
-        // The host addresses each element of these types as two 32-bit words.
-        first >>= 1;
-        last >>= 1;
+Status OMRON_WRITE_REQ(ControllerLink &link, const SingleTarget &target, const PlcData &data) {
+    WriteValue value;
+    switch (encode_write_value(*target.entry, target.element, data, value)) {
+    case Status::Ok: break;
+    case Status::CommFailure: link.mark_down(); return Status::CommFailure;
+    default: return Status::ConfigError;
     }
-    switch (entry.dim_type) {
-    case 1:
-        // Below the lower bound the bit offset would wrap; such an index
-        // names no element and is refused before any traffic.
-        if (element < entry.lo1 || last > entry.hi1) return 3;
-        return 0;
-    case 4:
-    case 5:
-        return linear_index_fits(entry, first) && linear_index_fits(entry, last) ? 0 : 3;
-    case 3:
-        // A STRING with a declared length is written by character.
-        return uint64_t{element} + run > entry.str_len ? 3 : 0;
-    default:
-        return 0;
+    if (const Status s = ensure_resolved(link, target); s != Status::Ok) return s;
+    VarHandle handle{};
+    if (copy_from_link(INIT_RET_DATA.get(), target.key, handle) != 0) return Status::CommFailure;
+
+    wire::Writer out(link.request_area());
+    const auto reply = build_write_request(out, recv_flag_data1, handle, value)
+                           ? link.exchange(CipCall::Write, out.size())
+                           : std::nullopt;
+    if (!reply) {
+        link.mark_down();
+        std::printf("[PLC] CIP_TransRecv err at line %d\r\n", kLineTransRecv);
+        return Status::CommFailure;
     }
+    // A refused write did not write the value; a reply of another kind is not
+    // the answer to it. Either way the connection is rebuilt, so that handles
+    // a new controller program made stale are resolved again.
+    if (parse_write_reply(*reply) != ReplyCheck::Ok) {
+        link.mark_down();
+        return Status::CommFailure;
+    }
+    label_reupdata = 0;
+    return Status::Ok;
 }
 
-int32_t write_entry(PlcRequest &request, PlcData &data) {
-    const uint32_t tag_id = compose_tag_id(request);
-    const uint32_t element = element_index(request);
-    send_data.fill(0);
-    recv_data.fill(0);
-
-    TagTable *table = nullptr;
-    const TagEntry *entry = find_request_entry(g_s_settings, request, tag_id, kWriteLines, &table);
-    if (entry == nullptr) return 3;
-
-    // Whether the index is halved is decided by the variable's type: for an
-    // indexed tag, by the first entry of its group.
-    uint32_t deciding_type = entry->type_code;
-    if (tag_id >= PLC_INDEXED_TAG_BASE) {
-        const IndexedGroup *group = find_group(*table, tag_id);
-        if (group == nullptr || group->tags.empty()) return 3;
-        deciding_type = group->tags.front().type_code;
-    }
-    if (check_write_range(*entry, element, data.count, is_double_word_type(deciding_type)) != 0) {
-        return 3;
-    }
-    // The value and the name are checked here too, so that a request that
-    // cannot be sent costs no reconnection. The bit position is stored first:
-    // every write that reaches this point reports it, refused or not.
-    request.count = write_bit_position(*entry, element);
+Status write_entry(ControllerLink &link, const DriverSettings *settings, PlcRequest &request,
+                   PlcData &data) {
+    SingleTarget target;
+    if (find_single_target(settings, request, data, kWriteLines, target) != Status::Ok)
+        return Status::ConfigError;
+    const TagEntry &entry = *target.entry;
+    // A BOOL or a TIME write carries one element whatever the count says.
+    const bool single = entry.bits == 1 || entry.type_code == kTypeTime;
+    const uint32_t run = single && data.count != 0 ? 1 : data.count;
+    if (!run_inside_variable(entry, target.element, run)) return Status::ConfigError;
+    // The bit position is stored first: every write that gets past the
+    // element checks reports it, refused or not. The value is checked here
+    // too, so that a request that cannot be sent costs no reconnection.
+    request.count = write_bit_position(entry, target.element);
     WriteValue probe;
-    if (encode_write_value(*entry, element, data, probe) == 3) return 3;
-    if (!resolve_path(*entry, element, data.count)) return 3;
+    if (encode_write_value(entry, target.element, data, probe) == Status::ConfigError)
+        return Status::ConfigError;
 
-    if (init != 1 && recover_connection() != 0) {
+    if (!connection_ready(link)) {
         // Also after a forced bring-up that succeeded: the next entry builds
         // the connection afresh.
-        init = 0;
-        return 3;
+        link.mark_down();
+        return Status::ConfigError;
     }
-    return static_cast<int32_t>(OMRON_WRITE_REQ(session.get(), connection.get(), request,
-                                                send_data, *table, data, recv_data));
+    return OMRON_WRITE_REQ(link, target, data);
 }
 
 } // namespace plc

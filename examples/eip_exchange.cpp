@@ -27,10 +27,14 @@
 #include <thread>
 #include <vector>
 
+#include "eip/cip.h"
 #include "eip/cip_connected.h"
 #include "eip/cip_connection_manager.h"
 #include "eip/eip_session.h"
-#include "eip/wire.h"
+#include "engine/element_rules.h"
+#include "engine/read_codec.h"
+#include "engine/resolve_codec.h"
+#include "util/wire.h"
 
 namespace {
 
@@ -43,14 +47,7 @@ constexpr int32_t kReplyTimeoutUs = 10000000;
 constexpr uint32_t kToConnectionId = 0x9D9D0029;
 constexpr uint32_t kRpi = 7236;
 
-constexpr uint8_t kServiceResolve = 0x56;
-constexpr uint8_t kServiceRead = 0x55;
-constexpr uint8_t kReplyBit = 0x80;
-
-constexpr size_t kPrefixSize = 10;
-constexpr size_t kHandleSize = 10;
-// The resolve request carries the path length in one byte.
-constexpr size_t kMaxPathText = 255;
+constexpr size_t kBufferSize = plc::kConnectedReceiveSize;
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -64,8 +61,22 @@ struct Options {
 
 struct Resolved {
     std::string name;
-    std::array<uint8_t, kPrefixSize> prefix{};
-    std::array<uint8_t, kHandleSize> handle{};
+    plc::RequestPrefix prefix{};
+    plc::VarHandle handle{};
+};
+
+// The two buffers of connected exchanges: requests are built in place behind
+// the room the connection's framing needs, replies are found in place.
+struct Buffers {
+    std::vector<uint8_t> send = std::vector<uint8_t>(kBufferSize);
+    std::vector<uint8_t> recv = std::vector<uint8_t>(kBufferSize);
+    plc::ConnectedBuffers view() {
+        return {{send.data(), send.size()}, {recv.data(), recv.size()}};
+    }
+    Writer request() {
+        return Writer(send.data() + plc::kConnectedRequestHeadroom,
+                      send.size() - plc::kConnectedRequestHeadroom);
+    }
 };
 
 void usage(const char *argv0) {
@@ -130,75 +141,37 @@ std::string hex(const uint8_t *bytes, size_t n) {
     return out;
 }
 
-// Service, reserved byte, general status, additional status size: the four
-// bytes every message-router reply starts with.
-struct ReplyHeader {
-    uint8_t service = 0;
-    uint8_t status = 0;
-    uint8_t extra_words = 0;
-};
-
-bool read_reply_header(Reader &r, ReplyHeader &h) {
-    h.service = r.u8();
-    r.u8();
-    h.status = r.u8();
-    h.extra_words = r.u8();
-    return r.ok();
+const char *outcome(plc::ReplyCheck check) {
+    switch (check) {
+    case plc::ReplyCheck::Ok: return "ok";
+    case plc::ReplyCheck::Refused: return "refused";
+    case plc::ReplyCheck::Unexpected: return "not the expected reply";
+    }
+    return "?";
 }
 
 // Resolves one variable by name: service 0x56 to the name-resolution class with
 // a "VAR://" path. Keeps the request prefix and the handle from the reply.
 bool resolve(plc::EipSession &session, plc::CipConnection &connection, const std::string &name,
-             std::vector<uint8_t> &reply, Resolved &out) {
-    const std::string path = "VAR://" + name;
-    if (path.size() > kMaxPathText) {
-        std::printf("resolve %s: name too long (%zu bytes, at most %zu)\n", path.c_str(),
-                    path.size(), kMaxPathText);
+             Buffers &buffers, Resolved &out) {
+    const std::string_view names[1] = {name};
+    Writer w = buffers.request();
+    if (!plc::build_resolve_request(w, names, 1)) {
+        std::printf("resolve %s: name too long for a request\n", name.c_str());
         return false;
     }
-    const size_t padded = (path.size() + 1) & ~size_t{1};
-
-    std::array<uint8_t, 16 + kMaxPathText + 1> request{};
-    Writer w(request.data(), request.size());
-    w.u16(0).u16(0x3FFF).u32(0).u16(1);
-    w.u16(static_cast<uint16_t>(padded + 4)).u16(0x0092).u16(static_cast<uint16_t>(path.size()));
-    w.text(path).pad_even();
-    if (!w.ok()) {
-        std::printf("resolve %s: request does not fit\n", path.c_str());
+    plc::wire::Bytes reply;
+    if (plc::CIP_TransRecv(session, connection, buffers.view(), w.size(),
+                           plc::cip::kServiceResolveOrWrite, &reply) != 0) {
+        std::printf("resolve %s: no valid reply\n", name.c_str());
         return false;
     }
-
-    uint32_t reply_len = 0;
-    const int32_t rc = plc::CIP_TransRecv(&session, &connection, request.data(),
-                                          static_cast<uint32_t>(w.size()), reply.data(),
-                                          &reply_len, kServiceResolve, reply.size());
-    if (rc != 0) {
-        std::printf("resolve %s: no valid reply (CIP_TransRecv %d)\n", path.c_str(), rc);
-        return false;
-    }
-    Reader r(reply.data(), reply_len);
-    ReplyHeader h;
-    if (!read_reply_header(r, h)) {
-        std::printf("resolve %s: reply of %" PRIu32 " bytes is too short\n", path.c_str(),
-                    reply_len);
-        return false;
-    }
-    std::printf("resolve %s: %zu bytes sent, reply service 0x%02X, status 0x%02X, %" PRIu32
-                " bytes\n",
-                path.c_str(), w.size(), h.service, h.status, reply_len);
-    if (h.service != (kServiceResolve | kReplyBit) || h.status != 0) {
-        std::printf("resolve %s: refused\n", path.c_str());
-        return false;
-    }
-    // Prefix at offset 6 and handle at 16, as the driver takes them.
-    Reader body(reply.data(), reply_len);
-    body.seek(6);
-    body.bytes(out.prefix.data(), out.prefix.size());
-    body.bytes(out.handle.data(), out.handle.size());
-    if (!body.ok()) {
-        std::printf("resolve %s: reply too short for a handle\n", path.c_str());
-        return false;
-    }
+    uint8_t status = 0;
+    const plc::ReplyCheck check =
+        plc::parse_resolve_reply(reply, 1, out.prefix, &out.handle, &status);
+    std::printf("resolve %s: %zu bytes sent, %zu-byte reply, general status 0x%02X: %s\n",
+                name.c_str(), w.size(), reply.size, status, outcome(check));
+    if (check != plc::ReplyCheck::Ok) return false;
     out.name = name;
     std::printf("  prefix %s\n  handle %s\n", hex(out.prefix.data(), out.prefix.size()).c_str(),
                 hex(out.handle.data(), out.handle.size()).c_str());
@@ -207,43 +180,32 @@ bool resolve(plc::EipSession &session, plc::CipConnection &connection, const std
 
 // Reads one element of a resolved variable by handle (service 0x55, one item).
 bool read_by_handle(plc::EipSession &session, plc::CipConnection &connection,
-                    const Resolved &var, uint32_t bits, std::vector<uint8_t> &reply) {
-    std::array<uint8_t, 30> request{};
-    Writer w(request.data(), request.size());
-    w.bytes(var.prefix.data(), var.prefix.size()).u8(1).u8(0);
-    w.bytes(var.handle.data(), var.handle.size()).u32(0).u32(bits);
-    if (!w.ok()) return false;
-
-    uint32_t reply_len = 0;
-    const int32_t rc = plc::CIP_TransRecv(&session, &connection, request.data(),
-                                          static_cast<uint32_t>(w.size()), reply.data(),
-                                          &reply_len, kServiceRead, reply.size());
-    if (rc != 0) {
-        std::printf("read %s: no valid reply (CIP_TransRecv %d)\n", var.name.c_str(), rc);
+                    const Resolved &var, uint32_t bits, Buffers &buffers) {
+    plc::ReadItem item;
+    item.handle = var.handle;
+    item.bit_length = bits;
+    Writer w = buffers.request();
+    if (!plc::build_read_request(w, var.prefix, &item, 1)) return false;
+    plc::wire::Bytes reply;
+    if (plc::CIP_TransRecv(session, connection, buffers.view(), w.size(),
+                           plc::cip::kServiceReadByHandle, &reply) != 0) {
+        std::printf("read %s: no valid reply\n", var.name.c_str());
         return false;
     }
-    Reader r(reply.data(), reply_len);
-    ReplyHeader h;
-    read_reply_header(r, h);
-    const uint32_t items = r.u32();
-    if (!r.ok()) {
-        std::printf("read %s: reply of %" PRIu32 " bytes is too short\n", var.name.c_str(),
-                    reply_len);
+    plc::wire::Bytes values;
+    const plc::ReplyCheck check =
+        plc::parse_read_reply(reply, 1, plc::item_value_bytes(bits), values);
+    if (check != plc::ReplyCheck::Ok) {
+        std::printf("read %s: %s\n", var.name.c_str(), outcome(check));
         return false;
     }
-    if (h.service != (kServiceRead | kReplyBit) || h.status != 0 || (items & 0xFF) != 1) {
-        std::printf("read %s: refused (service 0x%02X, status 0x%02X, items %" PRIu32 ")\n",
-                    var.name.c_str(), h.service, h.status, items);
-        return false;
-    }
-    r.skip(2);  // per-item word, not interpreted
-    const size_t value_len = r.ok() ? r.remaining() : 0;
-    std::printf("read %s: %zu value bytes: %s", var.name.c_str(), value_len,
-                hex(r.here(), value_len).c_str());
-    if (value_len == 4) {
+    Reader r(values);
+    std::printf("read %s: %zu value bytes: %s", var.name.c_str(), values.size,
+                hex(values.data, values.size).c_str());
+    if (bits == 32) {
         const auto v = r.u32();
         std::printf(" (%" PRIu32 ", %" PRId32 " signed)", v, static_cast<int32_t>(v));
-    } else if (value_len == 2) {
+    } else if (bits == 16) {
         const auto v = r.u16();
         std::printf(" (%u, %d signed)", static_cast<unsigned>(v), static_cast<int16_t>(v));
     }
@@ -295,10 +257,10 @@ int main(int argc, char **argv) {
                     ", T->O id 0x%08" PRIX32 "\n",
                     connection->conn_serial, connection->ot_conn_id, connection->to_conn_id);
 
-        std::vector<uint8_t> reply(plc::kMaxMrReply);
+        Buffers buffers;
         for (const auto &name : opt.variables) {
             Resolved var;
-            if (!resolve(*session, *connection, name, reply, var)) {
+            if (!resolve(*session, *connection, name, buffers, var)) {
                 ok = false;
                 continue;
             }
@@ -306,7 +268,7 @@ int main(int argc, char **argv) {
                 if (i > 0 && opt.pause_ms > 0) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(opt.pause_ms));
                 }
-                if (!read_by_handle(*session, *connection, var, opt.bits, reply)) ok = false;
+                if (!read_by_handle(*session, *connection, var, opt.bits, buffers)) ok = false;
             }
         }
 

@@ -3,7 +3,7 @@
 // that errno and results stay exactly those of the system calls.
 #include "platform/plc_ethernet.h"
 
-#include "plc_driver.h"
+#include "plc_driver_sockets.h"
 
 #include <arpa/inet.h>
 #include <sys/select.h>

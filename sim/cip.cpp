@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "eip/wire.h"
+#include "util/wire.h"
 
 namespace plc::sim {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "eip/wire.h"
+#include "util/wire.h"
 
 namespace plc::sim {
 

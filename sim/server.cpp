@@ -15,7 +15,7 @@
 #include <optional>
 #include <vector>
 
-#include "eip/wire.h"
+#include "util/wire.h"
 #include "sim/log.h"
 
 namespace plc::sim {

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "eip/wire.h"
+#include "util/wire.h"
 #include "sim/cip.h"
 #include "sim/stats.h"
 #include "sim/variable_store.h"

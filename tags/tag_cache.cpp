@@ -9,6 +9,8 @@ TagTableCache g_plc_tags;
 
 namespace {
 
+uint32_t next_table_serial = 0;
+
 constexpr uint32_t kIdBlockShift = 13;
 constexpr uint32_t kFirstIndexedBlock = PLC_INDEXED_TAG_BASE >> kIdBlockShift;
 
@@ -51,6 +53,7 @@ int add_tagtable(TagTableCache &head, const char *name, std::vector<TagEntry> &&
         return -2;
     }
     TagTable &table = record.front();
+    table.serial = ++next_table_serial;
     table.tag_str = std::move(tag_str);
     table.indexedtag_table = std::move(indexedtag_table);
     table.tag_num = counts != nullptr ? counts[0] : 0;

@@ -7,12 +7,17 @@
 #include <string>
 #include <vector>
 
-#include "plc_driver.h"
+#include "plc_driver_records.h"
+#include "plc_driver_tags.h"
 #include "tags/tag_list.h"
 
 namespace plc {
 
 struct TagTable {
+    // Tells this table from every other one read since the library was
+    // loaded, also from a table read again under the same name: handles
+    // resolved through one table are never used through another.
+    uint32_t serial = 0;
     std::string name;
     std::vector<TagEntry> tag_str;
     std::vector<IndexedGroup> indexedtag_table;

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
-#include "plc_driver.h"
+#include "plc_driver_records.h"
+#include "plc_driver_tags.h"
 
 namespace plc {
 

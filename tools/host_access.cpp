@@ -8,7 +8,7 @@
 #include <cstring>
 #include <limits>
 
-#include "eip/wire.h"
+#include "util/wire.h"
 
 namespace plc::host {
 namespace {

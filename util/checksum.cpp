@@ -2,7 +2,7 @@
 // host framework.
 #include "util/checksum.h"
 
-#include "plc_driver.h"
+#include "plc_driver_utilities.h"
 
 #include <sys/stat.h>
 #include <sys/types.h>

@@ -1,7 +1,7 @@
 // Small helpers the host framework and the driver share: sleeping, seeding the
 // random generator, file access at an offset, a log file, hex dumps and
 // bit-length rounding. Everything here is callable from C and never throws.
-#include "plc_driver.h"
+#include "plc_driver_utilities.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "eip/wire.h"
+#include "util/wire.h"
 
 namespace simtest {
 

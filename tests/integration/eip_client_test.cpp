@@ -6,7 +6,10 @@
 #include "eip/cip_connected.h"
 #include "eip/cip_connection_manager.h"
 #include "eip/eip_session.h"
-#include "eip/wire.h"
+#include "engine/read_codec.h"
+#include "engine/resolve_codec.h"
+#include "engine/write_codec.h"
+#include "util/wire.h"
 #include "tests/integration/fixture.h"
 
 namespace plc::itest {
@@ -31,17 +34,16 @@ protected:
     }
 };
 
-// The resolve request of one name: fixed header, one "VAR://" path item.
-std::vector<uint8_t> ResolveRequest(const std::string &name) {
-    const std::string path = "VAR://" + name;
-    const size_t padded = path.size() + (path.size() & 1u);
-    std::vector<uint8_t> buf(16 + padded);
-    wire::Writer w(buf.data(), buf.size());
-    w.u16(0).u16(0x3FFF).u32(0).u16(1).u16(uint16_t(padded + 4)).u16(0x0092).u16(uint16_t(path.size()));
-    w.text(path).pad_even();
-    EXPECT_TRUE(w.ok());
-    return buf;
-}
+// The two buffers of connected exchanges, and the request area inside them.
+struct Buffers {
+    std::vector<uint8_t> send = std::vector<uint8_t>(kConnectedReceiveSize);
+    std::vector<uint8_t> recv = std::vector<uint8_t>(kConnectedReceiveSize);
+    ConnectedBuffers view() { return {{send.data(), send.size()}, {recv.data(), recv.size()}}; }
+    wire::Writer request() {
+        return wire::Writer(send.data() + kConnectedRequestHeadroom,
+                            send.size() - kConnectedRequestHeadroom);
+    }
+};
 
 TEST_F(EipClient, RegistersAndUnregistersASession) {
     StartSim();
@@ -100,45 +102,48 @@ TEST_F(EipClient, ConnectedExchangesCountTheirSequence) {
     ASSERT_TRUE(s);
     auto c = Connect(*s, 0x0042);
     ASSERT_TRUE(c);
+    Buffers b;
+    wire::Bytes reply;
 
-    std::vector<uint8_t> reply(kMaxMrReply);
-    uint32_t reply_len = 0;
-    const auto resolve = ResolveRequest("Counter");
-    ASSERT_EQ(CIP_TransRecv(s.get(), c.get(), resolve.data(), uint32_t(resolve.size()), reply.data(), &reply_len,
-                            0x56),
-              0);
-    ASSERT_GE(reply_len, 26u);
-    EXPECT_EQ(reply[0], 0xD6);
-    EXPECT_EQ(reply[2], 0x00) << "general status";
+    const std::string_view name = "Counter";
+    wire::Writer resolve = b.request();
+    ASSERT_TRUE(build_resolve_request(resolve, &name, 1));
+    ASSERT_EQ(CIP_TransRecv(*s, *c, b.view(), resolve.size(), 0x56, &reply), 0);
+    RequestPrefix prefix{};
+    VarHandle handle{};
+    ASSERT_EQ(parse_resolve_reply(reply, 1, prefix, &handle, nullptr), ReplyCheck::Ok);
     EXPECT_EQ(c->sequence, 1u);
 
-    // Read the whole DINT by the handle: prefix, 1 item, handle, offset, length.
-    std::array<uint8_t, 30> read{};
-    wire::Writer w(read.data(), read.size());
-    w.bytes(&reply[6], 10).u8(1).u8(0).bytes(&reply[16], 10).u32(0).u32(32);
-    ASSERT_TRUE(w.ok());
+    // Read the whole DINT by the handle.
+    ReadItem item;
+    item.handle = handle;
+    item.bit_length = 32;
+    wire::Writer read = b.request();
+    ASSERT_TRUE(build_read_request(read, prefix, &item, 1));
+    const size_t read_len = read.size();
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(CIP_TransRecv(s.get(), c.get(), read.data(), uint32_t(read.size()), reply.data(), &reply_len,
-                                0x55),
-                  0);
-        ASSERT_EQ(reply_len, 14u);
-        EXPECT_EQ(reply[0], 0xD5);
-        EXPECT_EQ(reply[4], 1) << "items answered";
-        EXPECT_EQ(std::vector<uint8_t>(reply.begin() + 10, reply.begin() + 14), Le32(0x01020304));
+        ASSERT_EQ(CIP_TransRecv(*s, *c, b.view(), read_len, 0x55, &reply), 0);
+        wire::Bytes values;
+        ASSERT_EQ(parse_read_reply(reply, 1, 4, values), ReplyCheck::Ok);
+        EXPECT_EQ(std::vector<uint8_t>(values.data, values.data + 4), Le32(0x01020304));
     }
     EXPECT_EQ(c->sequence, 4u);
 
     // The write goes to class 0xB8 while write_mode is set.
-    std::array<uint8_t, 36> write{};
-    wire::Writer ww(write.data(), write.size());
-    ww.bytes(read.data(), 10).u8(1).u8(0).u8(4).u8(0).bytes(&read[12], 10).u32(0).u32(32).u32(0x0A0B0C0D);
-    ASSERT_TRUE(ww.ok());
+    PlcData data{1, nullptr};
+    uint8_t value[4] = {0x0D, 0x0C, 0x0B, 0x0A};
+    data.buffer = value;
+    TagEntry dint{};
+    dint.bits = 32;
+    dint.type_code = 0xC4;
+    WriteValue encoded;
+    ASSERT_EQ(encode_write_value(dint, 0, data, encoded), Status::Ok);
+    wire::Writer write = b.request();
+    ASSERT_TRUE(build_write_request(write, prefix, handle, encoded));
     c->write_mode = 1;
-    ASSERT_EQ(CIP_TransRecv(s.get(), c.get(), write.data(), uint32_t(write.size()), reply.data(), &reply_len, 0x56),
-              0);
+    ASSERT_EQ(CIP_TransRecv(*s, *c, b.view(), write.size(), 0x56, &reply), 0);
     c->write_mode = 0;
-    EXPECT_EQ(reply[0], 0xD6);
-    EXPECT_EQ(reply[2], 0x00) << "general status of the write";
+    EXPECT_EQ(parse_write_reply(reply), ReplyCheck::Ok);
     EXPECT_EQ(sim.Values("Counter")->at(0), std::to_string(0x0A0B0C0D));
 
     EXPECT_EQ(sim.Stat("resolve_requests"), 1u);
@@ -148,12 +153,12 @@ TEST_F(EipClient, ConnectedExchangesCountTheirSequence) {
 
     // The count wraps from 0xFFFF to 0, and advances even when nothing comes back.
     c->sequence = 0xFFFF;
-    EXPECT_EQ(CIP_TransRecv(s.get(), c.get(), read.data(), uint32_t(read.size()), reply.data(), &reply_len, 0x55),
-              0);
+    wire::Writer again = b.request();
+    ASSERT_TRUE(build_read_request(again, prefix, &item, 1));
+    EXPECT_EQ(CIP_TransRecv(*s, *c, b.view(), read_len, 0x55, &reply), 0);
     EXPECT_EQ(c->sequence, 0u);
     sim.Kill();
-    EXPECT_EQ(CIP_TransRecv(s.get(), c.get(), read.data(), uint32_t(read.size()), reply.data(), &reply_len, 0x55),
-              -1);
+    EXPECT_EQ(CIP_TransRecv(*s, *c, b.view(), read_len, 0x55, &reply), -1);
     EXPECT_EQ(c->sequence, 1u);
 }
 

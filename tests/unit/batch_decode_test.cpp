@@ -44,8 +44,8 @@ protected:
         }
         records.assign(slots.size(), PlcRequest{});
         for (auto &r : records) r.result = 0xDEADBEEF;
-        return decode_batch_values(area.data(), area.size(), slots.data(),
-                                   static_cast<int32_t>(slots.size()), table, records.data());
+        return to_host(decode_batch_values(wire::Bytes{area.data(), area.size()}, slots.data(),
+                                           slots.size(), table, records.data()));
     }
 
     uint32_t result(size_t i) const { return records[i].result; }
@@ -155,10 +155,11 @@ TEST_F(Decode, AnAreaCutShortNeverYieldsValues) {
     // Slots that would stall the walk or run past the records.
     std::vector<BatchSlot> bad = {{kWords, 0, 0}};
     PlcRequest one{};
-    EXPECT_EQ(decode_batch_values(nullptr, 0, bad.data(), 1, table, &one), 3);
+    EXPECT_EQ(decode_batch_values(wire::Bytes{}, bad.data(), 1, table, &one), Status::ConfigError);
     bad[0].count = 2;
     const uint8_t four[4] = {};
-    EXPECT_EQ(decode_batch_values(four, 4, bad.data(), 1, table, &one), 3);
+    EXPECT_EQ(decode_batch_values(wire::Bytes{four, 4}, bad.data(), 1, table, &one),
+              Status::ConfigError);
 }
 
 TEST_F(Decode, AnEmptyStringStaysEmptyAcrossCallsUntilItsFirstPieceChanges) {

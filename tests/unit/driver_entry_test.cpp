@@ -22,6 +22,7 @@
 #include "driver/connection.h"
 #include "driver/plc_state.h"
 #include "driver/word_device.h"
+#include "engine/engine_state.h"
 #include "plc_driver.h"
 
 namespace {
@@ -254,8 +255,9 @@ TEST_F(RequestEntry, WriteChecksTagElementAndValueBeforeReconnecting) {
         {0, 10, 1, "1", false},     // DINT [0..9]
         {0, 9, 2, "1", false},      // run past the end
         {0, 9, 1, "1", true},
-        {1, 18, 1, "1", false},     // LINT [0..4]: words halved against [0..8]
-        {1, 17, 1, "1", true},
+        {1, 10, 1, "1", false},     // LINT [0..4]: words 0 to 9 of [0..8] doubled
+        {1, 9, 1, "1", true},
+        {0, 0, 0, "1", false},      // a count of 0 names nothing
         {2, 12, 1, "1", false},     // INT [0..2_0..3]
         {2, 11, 1, "1", true},
         {4, 0, 1, "-2", false},     // negative TIME

@@ -1,22 +1,56 @@
-// Request framing and reply parsing of the EtherNet/IP client, without sockets.
+// Request framing and reply parsing of the EtherNet/IP client, without
+// sockets; the client's conversations are tested against plc-sim.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <string>
 #include <vector>
 
 #include "eip/cip_connection_manager.h"
 #include "eip/eip_packet.h"
-#include "eip/wire.h"
-#include "eip_fake_peer.h"
+#include "eip/mr_reply.h"
+#include "util/wire.h"
 
 using namespace plc;
-using eiptest::Bytes;
-using eiptest::CpfBody;
-using eiptest::Message;
+using Bytes = std::vector<uint8_t>;
 
 namespace {
 
 uint16_t U16(const Bytes &b, size_t at) { return *wire::Reader(b).u16_at(at); }
+wire::Bytes View(const Bytes &b) { return wire::Bytes{b.data(), b.size()}; }
+
+// An encapsulation message whose announced length may lie.
+Bytes Message(uint16_t command, const Bytes &body, int length = -1) {
+    wire::VecWriter w;
+    w.u16(command).u16(uint16_t(length >= 0 ? length : int(body.size())));
+    w.zeros(20).bytes(body.data(), body.size());
+    return w.take();
+}
+
+// Interface handle, timeout, then two items.
+Bytes CpfBody(uint16_t addr_type, const Bytes &addr, uint16_t data_type, const Bytes &data) {
+    wire::VecWriter w;
+    w.u32(0).u16(0).u16(2);
+    w.u16(addr_type).u16(uint16_t(addr.size())).bytes(addr.data(), addr.size());
+    w.u16(data_type).u16(uint16_t(data.size())).bytes(data.data(), data.size());
+    return w.take();
+}
+
+// Replaces every printed pointer ("0x" and hex digits) by "P".
+std::string MaskPointers(const std::string &text) {
+    std::string out;
+    for (size_t i = 0; i < text.size();) {
+        if (text.compare(i, 2, "0x") == 0 && i + 2 < text.size() &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            i += 2;
+            while (i < text.size() && std::isxdigit(static_cast<unsigned char>(text[i]))) ++i;
+            out += 'P';
+        } else {
+            out += text[i++];
+        }
+    }
+    return out;
+}
 
 EipSession TenSecondSession() {
     EipSession s;
@@ -118,56 +152,69 @@ TEST(EipPacket, ItemsThatCannotBeAppendedAppendNothing) {
 TEST(EipPacket, ItemsAreFoundOnlyWhollyInsideTheReply) {
     const Bytes mr{0xCC, 0, 0, 0, 9, 9};
     const Bytes rr = Message(kEncapSendRRData, CpfBody(kItemNullAddress, {}, kItemUnconnectedData, mr));
-    EXPECT_EQ(_GetEipCPF(rr), 30u);
-    EXPECT_EQ(_GetEipCommonPacket(rr), 30u);
-    EXPECT_EQ(_GetAdressItem(rr), 32u);
-    EXPECT_EQ(_GetDataItem(rr), 36u);
-    EXPECT_EQ(_GetMRReply(rr), 40u);
-    EXPECT_EQ(_GetMRReplySize(rr), 6u);
+    EXPECT_EQ(_GetEipCPF(View(rr)), 30u);
+    EXPECT_EQ(_GetAdressItem(View(rr)), 32u);
+    EXPECT_EQ(_GetDataItem(View(rr)), 36u);
+    EXPECT_EQ(_GetMRReply(View(rr))->at, 40u);
+    EXPECT_EQ(_GetMRReply(View(rr))->size, 6u);
 
     // Commands without a common packet format, and a length below 2.
-    EXPECT_FALSE(_GetEipCPF(Message(kEncapRegisterSession, {1, 0, 0, 0})));
-    EXPECT_FALSE(_GetDataItem(Message(kEncapRegisterSession, {1, 0, 0, 0})));
-    EXPECT_FALSE(_GetEipCPF(Message(kEncapSendUnitData, {0})));
-    EXPECT_EQ(_GetEipCPF(Message(0x0063, {1, 0})), 24u);
-    EXPECT_FALSE(_GetAdressItem(Message(0x0063, {1, 0}))); // count but no item
+    EXPECT_FALSE(_GetEipCPF(View(Message(kEncapRegisterSession, {1, 0, 0, 0}))));
+    EXPECT_FALSE(_GetDataItem(View(Message(kEncapRegisterSession, {1, 0, 0, 0}))));
+    EXPECT_FALSE(_GetEipCPF(View(Message(kEncapSendUnitData, {0}))));
+    EXPECT_EQ(_GetEipCPF(View(Message(0x0063, {1, 0}))), 24u);
+    EXPECT_FALSE(_GetAdressItem(View(Message(0x0063, {1, 0})))); // count but no item
 
     // Connected and sockaddr data items.
     const Bytes unit = Message(kEncapSendUnitData,
                                CpfBody(kItemConnectedAddress, {1, 2, 3, 4}, kItemConnectedData,
                                        {7, 0, 0xD5, 0, 0, 0}));
-    EXPECT_EQ(_GetMRReply(unit), 46u);
-    EXPECT_EQ(_GetMRReplySize(unit), 4u);
-    EXPECT_FALSE(_GetMRReply(Message(
-        kEncapSendUnitData, CpfBody(kItemConnectedAddress, {1, 2, 3, 4}, kItemConnectedData, {7}))));
+    EXPECT_EQ(_GetMRReply(View(unit))->at, 46u);
+    EXPECT_EQ(_GetMRReply(View(unit))->size, 4u);
+    EXPECT_FALSE(_GetMRReply(View(Message(
+        kEncapSendUnitData, CpfBody(kItemConnectedAddress, {1, 2, 3, 4}, kItemConnectedData, {7})))));
     Bytes sockaddr_item(30, 0);
     sockaddr_item[24] = 0xD5;
     const Bytes with_sockaddr =
         Message(kEncapSendRRData, CpfBody(kItemNullAddress, {}, kItemSockaddrOT, sockaddr_item));
-    EXPECT_EQ(_GetMRReply(with_sockaddr), 36u + 28u);
-    EXPECT_EQ(_GetMRReplySize(with_sockaddr), 2u);
+    EXPECT_EQ(_GetMRReply(View(with_sockaddr))->at, 36u + 28u);
+    EXPECT_EQ(_GetMRReply(View(with_sockaddr))->size, 2u);
 
     // Lying item lengths and messages shorter than their header announces.
     Bytes lying = rr;
     lying[38] = 7; // data item claims one byte more than there is
-    EXPECT_FALSE(_GetDataItem(lying));
+    EXPECT_FALSE(_GetDataItem(View(lying)));
     lying = rr;
     lying[34] = 0xFF; // address item runs past the end
-    EXPECT_FALSE(_GetAdressItem(lying));
-    EXPECT_FALSE(_GetDataItem(lying));
-    EXPECT_FALSE(_GetMRReply(lying));
+    EXPECT_FALSE(_GetAdressItem(View(lying)));
+    EXPECT_FALSE(_GetDataItem(View(lying)));
+    EXPECT_FALSE(_GetMRReply(View(lying)));
     Bytes truncated(rr.begin(), rr.end() - 1);
-    EXPECT_FALSE(_GetDataItem(truncated));
+    EXPECT_FALSE(_GetDataItem(View(truncated)));
     Bytes short_header = Message(kEncapSendRRData, CpfBody(kItemNullAddress, {}, kItemUnconnectedData, mr),
                                  int(rr.size() - 24 - 1));
-    EXPECT_FALSE(_GetDataItem(short_header));
-    EXPECT_FALSE(_GetEipCPF(Bytes(10, 0x6F)));
+    EXPECT_FALSE(_GetDataItem(View(short_header)));
+    EXPECT_FALSE(_GetEipCPF(View(Bytes(10, 0x6F))));
 
-    // Router reply data after the additional status.
-    EXPECT_EQ(_GetMRData(Bytes{0xDB, 0, 0, 1, 0xAA, 0xBB, 5}), 6u);
-    EXPECT_FALSE(_GetMRData(Bytes{0xDB, 0, 0, 2, 0xAA, 0xBB, 5}));
-    EXPECT_FALSE(_GetMRData(Bytes{0xDB, 0, 0, 0}));
-    EXPECT_FALSE(_GetMRData(Bytes{0xDB, 0, 0}));
+}
+
+// The one reading of a message-router reply: its data lies behind the
+// additional status, and only the answering service with status 0 is a success.
+TEST(MrReply, HeaderAdditionalStatusAndOutcome) {
+    const Bytes with_words{0xD5, 0, 0x1F, 2, 0xAA, 0xBB, 0xCC, 0xDD, 5, 6};
+    const auto view = parse_mr_reply(View(with_words));
+    ASSERT_TRUE(view);
+    EXPECT_EQ(view->general_status, 0x1F);
+    EXPECT_EQ(view->additional.size, 4u);
+    EXPECT_EQ(view->data_offset, 8u);
+    EXPECT_EQ(view->data.size, 2u);
+    EXPECT_EQ(check_mr_reply(view, 0x55), ReplyCheck::Refused);
+    EXPECT_EQ(check_mr_reply(view, 0x56), ReplyCheck::Unexpected);
+    EXPECT_EQ(check_mr_reply(parse_mr_reply(View(Bytes{0xD6, 0, 0, 0})), 0x56), ReplyCheck::Ok);
+    // Additional status that runs past the reply, or no room for the header.
+    EXPECT_FALSE(parse_mr_reply(View(Bytes{0xD5, 0, 1, 2, 0xAA, 0xBB, 0xCC})));
+    EXPECT_FALSE(parse_mr_reply(View(Bytes{0xD5, 0, 0})));
+    EXPECT_EQ(check_mr_reply(std::nullopt, 0x55), ReplyCheck::Unexpected);
 }
 
 TEST(EipSessionHelpers, LogAndDump) {
@@ -182,7 +229,7 @@ TEST(EipSessionHelpers, LogAndDump) {
     testing::internal::CaptureStdout();
     FlushCipBuffer(1, bytes.data(), 25);
     const std::string dump = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(eiptest::MaskPointers(dump), "P (0000) :\t00 01 02 03 04 05 06 07 08 09 \n"
+    EXPECT_EQ(MaskPointers(dump), "P (0000) :\t00 01 02 03 04 05 06 07 08 09 \n"
                                            "P (0010) :\t0A 0B 0C 0D 0E 0F 10 11 12 13 \n"
                                            "P (0020) :\t14 15 16 17 18 \n\n");
 

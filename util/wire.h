@@ -12,12 +12,23 @@
 
 namespace plc::wire {
 
+// Views of bytes owned elsewhere; they never own or outlive their buffer.
+struct Bytes {
+    const uint8_t *data = nullptr;
+    size_t size = 0;
+};
+struct MutableBytes {
+    uint8_t *data = nullptr;
+    size_t size = 0;
+};
+
 // Writes into a caller-owned buffer of fixed capacity. A write that does not fit
 // writes nothing and marks the writer failed; later writes are refused as well,
 // so one check of ok() at the end covers a whole message.
 class Writer {
 public:
     Writer(uint8_t *buffer, size_t capacity) : buf_(buffer), cap_(capacity) {}
+    explicit Writer(MutableBytes b) : buf_(b.data), cap_(b.size) {}
 
     bool ok() const { return ok_; }
     size_t size() const { return pos_; }
@@ -126,6 +137,7 @@ class Reader {
 public:
     Reader(const uint8_t *data, size_t size) : d_(data), n_(size) {}
     explicit Reader(const std::vector<uint8_t> &v) : d_(v.data()), n_(v.size()) {}
+    explicit Reader(Bytes b) : d_(b.data), n_(b.size) {}
 
     bool ok() const { return ok_; }
     size_t pos() const { return pos_; }

@@ -1,0 +1,177 @@
+// Encapsulation transport.
+//
+// Choices made where the transport's behaviour was ours to settle:
+//  - A receive that returns fewer bytes than asked is continued until the whole
+//    header, then the whole body, has arrived. All of it shares one reply
+//    deadline; a peer that closes the connection, a receive error or the
+//    deadline passing mid-message yields no message at all.
+//  - A send that transfers fewer bytes than the message is continued until every
+//    byte is sent. Any error (including the 0.5 s send time-out) makes the whole
+//    send a failure (-1): a message half on the wire cannot be taken back.
+//  - Readiness waits use poll/ppoll rather than select: select cannot watch a
+//    descriptor numbered FD_SETSIZE or above without writing outside its fd_set.
+//  - Our own sends never raise SIGPIPE (MSG_NOSIGNAL): a controller that drops
+//    the connection gives a failed send instead of killing the host process,
+//    and the host's signal mask is never touched.
+//  - A body is first asked for without waiting: it nearly always arrives with
+//    its header, and the extra readiness wait would cost a system call per
+//    exchange on the panel's slow CPU.
+
+#include "eip/eip_transport.h"
+
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <new>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "plc_driver_sockets.h"
+
+namespace plc {
+
+namespace {
+
+// Stale input is read into this and never looked at.
+std::array<uint8_t, kCipEmptyBuffSize> _CIPEmptyBuff;
+
+// A flood of stale input is discarded up to one encapsulation message's worth
+// per exchange; whatever lies beyond cannot be mistaken for a reply, because
+// replies are matched to their request.
+constexpr int kMaxDiscards = int(kMaxEncapMessage / kCipEmptyBuffSize) + 1;
+
+
+// Receives exactly `size` bytes before `deadline`; false when the peer closed,
+// a receive failed or the deadline passed first. With `wait_first` false the
+// bytes are asked for before any readiness wait.
+bool RecvExact(int sock, uint8_t *dst, size_t size, Clock::time_point deadline,
+               bool wait_first) {
+    size_t got = 0;
+    bool wait = wait_first;
+    while (got < size) {
+        if (wait && wait_ready(sock, POLLIN, deadline) != 1) return false;
+        const ssize_t r = ::recv(sock, dst + got, size - got, MSG_DONTWAIT);
+        if (r > 0) {
+            got += static_cast<size_t>(r);
+            wait = false;
+        } else if (r == 0) {
+            return false;
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            wait = true;
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Reads and drops `size` bytes, keeping the stream framed on the next message.
+bool SkipExact(int sock, size_t size, Clock::time_point deadline) {
+    while (size > 0) {
+        const size_t chunk = size < _CIPEmptyBuff.size() ? size : _CIPEmptyBuff.size();
+        if (!RecvExact(sock, _CIPEmptyBuff.data(), chunk, deadline, false)) return false;
+        size -= chunk;
+    }
+    return true;
+}
+
+} // namespace
+
+int wait_ready(int sock, short events, Clock::time_point deadline) {
+    for (;;) {
+        const auto left = deadline - Clock::now();
+        const auto left_ns =
+            left.count() > 0 ? std::chrono::duration_cast<std::chrono::nanoseconds>(left).count()
+                             : 0;
+        timespec ts{};
+        ts.tv_sec = static_cast<time_t>(left_ns / 1000000000);
+        ts.tv_nsec = static_cast<long>(left_ns % 1000000000);
+        pollfd p{sock, events, 0};
+        const int r = ppoll(&p, 1, &ts, nullptr);
+        if (r < 0 && errno == EINTR) continue;
+        return r < 0 ? -1 : (r == 0 ? 0 : 1);
+    }
+}
+
+Clock::time_point deadline_after_us(int32_t timeout_us) {
+    // A negative time-out makes no sense for a wait; it only polls.
+    return Clock::now() + std::chrono::microseconds(timeout_us > 0 ? timeout_us : 0);
+}
+
+long send_message(int sock, const uint8_t *message, size_t size) {
+    // The header's length says how much goes out; a message that does not hold
+    // that much is refused rather than sent with bytes from beyond its end.
+    const auto header = ParseEncapHeader(message, size);
+    if (!header) return -1;
+    const size_t total = kEncapHeaderSize + header->length;
+    if (total > size) return -1;
+
+    size_t sent = 0;
+    while (sent < total) {
+        const ssize_t r = ::send(sock, message + sent, total - sent, MSG_NOSIGNAL);
+        if (r > 0) {
+            sent += static_cast<size_t>(r);
+        } else if (r < 0 && errno == EINTR) {
+            continue;
+        } else {
+            return -1;
+        }
+    }
+    return static_cast<long>(sent);
+}
+
+long CipSendData(int sock, const uint8_t *message, size_t size) {
+    _CIPEmptyBuffer(sock);
+    return send_message(sock, message, size);
+}
+
+void discard_stale_input(int sock) {
+    for (int i = 0; i < kMaxDiscards && _CIPEmptyBuffer(sock) > 0; ++i) {
+    }
+}
+
+std::optional<EipMessage> CipRecvData(int sock, int32_t timeout_us) {
+    const auto deadline = deadline_after_us(timeout_us);
+    try {
+        EipMessage message(kEncapHeaderSize);
+        if (!RecvExact(sock, message.data(), kEncapHeaderSize, deadline, true))
+            return std::nullopt;
+        const auto length = wire::Reader(message).u16_at(kEncapLengthAt);
+        if (!length) return std::nullopt;
+        if (*length == 0) return message;
+        message.resize(kEncapHeaderSize + *length);
+        if (!RecvExact(sock, message.data() + kEncapHeaderSize, *length, deadline, false))
+            return std::nullopt;
+        return message;
+    } catch (const std::bad_alloc &) {
+        return std::nullopt;
+    }
+}
+
+std::optional<size_t> receive_message_into(int sock, wire::MutableBytes buffer,
+                                           Clock::time_point deadline) {
+    if (buffer.data == nullptr || buffer.size < kEncapHeaderSize) return std::nullopt;
+    if (!RecvExact(sock, buffer.data, kEncapHeaderSize, deadline, true)) return std::nullopt;
+    const auto length = wire::Reader(buffer.data, kEncapHeaderSize).u16_at(kEncapLengthAt);
+    if (!length) return std::nullopt;
+    if (*length > buffer.size - kEncapHeaderSize) {
+        SkipExact(sock, *length, deadline);
+        return std::nullopt;
+    }
+    if (*length > 0 &&
+        !RecvExact(sock, buffer.data + kEncapHeaderSize, *length, deadline, false))
+        return std::nullopt;
+    return kEncapHeaderSize + *length;
+}
+
+long _CIPEmptyBuffer(int sock) {
+    pollfd p{sock, POLLIN, 0};
+    int r;
+    while ((r = poll(&p, 1, 0)) < 0 && errno == EINTR) {
+    }
+    if (r < 0) return -1;
+    if (r == 0) return 0;
+    return wk_recv(sock, _CIPEmptyBuff.data(), _CIPEmptyBuff.size());
+}
+
+} // namespace plc

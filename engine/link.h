@@ -1,0 +1,42 @@
+// The connection to the controller as the engines see it. The driver owns the
+// session and the connection and implements this interface; the engines only
+// ask for the connection to be up, report it broken, and exchange requests.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include "util/wire.h"
+
+namespace plc {
+
+// What a connected request does; the service and the class it is addressed to
+// follow from it.
+enum class CipCall {
+    Resolve, // names to handles (service 0x56 to the resolution class)
+    Read,    // values by handle (service 0x55)
+    Write,   // a value by handle (service 0x56 to the variable class)
+};
+
+enum class LinkState {
+    Up,      // the connection stands as it stood
+    Rebuilt, // it was down and has just been rebuilt: every handle resolved before is gone
+    Down,    // it was down and could not be rebuilt
+};
+
+class ControllerLink {
+public:
+    virtual ~ControllerLink() = default;
+    // Rebuilds the connection when it is down.
+    virtual LinkState ensure_up() = 0;
+    // Reports the connection broken: the next ensure_up rebuilds it.
+    virtual void mark_down() = 0;
+    // Where the next request's data is written.
+    virtual wire::MutableBytes request_area() = 0;
+    // Sends the first request_len bytes of request_area() and waits for the
+    // reply to them: the message-router reply from its reply service on, valid
+    // until the next exchange; none when no reply came or it was malformed.
+    virtual std::optional<wire::Bytes> exchange(CipCall call, size_t request_len) = 0;
+};
+
+} // namespace plc
