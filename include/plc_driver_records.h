@@ -5,6 +5,7 @@
 #ifndef PLC_DRIVER_RECORDS_H
 #define PLC_DRIVER_RECORDS_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "plc_driver_api.h"
@@ -58,6 +59,11 @@ static_assert(sizeof(DriverSettings) == 8, "DriverSettings layout");
 static_assert(sizeof(PlcRequest) == 20, "PlcRequest layout");
 static_assert(sizeof(DriverInfo) == 4, "DriverInfo layout");
 static_assert(sizeof(PlcData) == 4 + sizeof(void *), "PlcData layout");
+static_assert(offsetof(DriverSettings, ip_address) == 4, "DriverSettings layout");
+static_assert(offsetof(PlcRequest, tag_high) == 3 && offsetof(PlcRequest, address) == 4 &&
+                  offsetof(PlcRequest, count) == 8 && offsetof(PlcRequest, result) == 16,
+              "PlcRequest layout");
+static_assert(offsetof(PlcData, buffer) == 4, "PlcData layout");
 #endif
 
 #endif /* PLC_DRIVER_RECORDS_H */

@@ -39,6 +39,12 @@ typedef struct CommHandle {
 #if defined(__cplusplus) && __cplusplus >= 201103L
 static_assert(sizeof(CommSettings) == 12, "CommSettings layout");
 static_assert(sizeof(CommHandle) == 20, "CommHandle layout");
+static_assert(offsetof(CommSettings, address) == 4 && offsetof(CommSettings, port) == 8 &&
+                  offsetof(CommSettings, protocol) == 11,
+              "CommSettings layout");
+static_assert(offsetof(CommHandle, wait_seconds) == 8 &&
+                  offsetof(CommHandle, send_timeout_figure) == 16,
+              "CommHandle layout");
 #endif
 
 PLC_BEGIN_DECLS
