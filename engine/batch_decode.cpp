@@ -86,67 +86,76 @@ uint32_t time_text_unit(const TimeText &text, uint32_t unit) {
     return uint32_t(uint8_t(text[at])) | uint32_t(uint8_t(text[at + 1])) << 8;
 }
 
+namespace {
+
+// One slot's values into its records: the number of records written, or 0 when
+// the area holds fewer bytes than the slot needs or the width has no rule.
+// Every slot's bytes are checked before its records are touched, so a value
+// area cut short never yields zeros reported as values.
+size_t decode_slot(wire::Reader &in, const BatchSlot &slot, const TagEntry &entry,
+                   PlcRequest *records, TimeText &text) {
+    const size_t count = slot.count;
+    if (entry.type_code == kTypeTime) {
+        if (in.remaining() < 8) return 0;
+        format_time_text(in.u64(), text);
+        for (size_t j = 0; j < count; ++j)
+            records[j].result = time_text_unit(text, slot.element + uint32_t(j));
+        return count;
+    }
+    switch (entry.bits) {
+    case 1:
+        if (in.remaining() < 2) return 0;
+        records[0].result = in.u8() != 0 ? 1u : 0u;
+        in.skip(1);
+        return 1;
+    case 16:
+        if (in.remaining() / 2 < count) return 0;
+        for (size_t j = 0; j < count; ++j) records[j].result = in.u16();
+        return count;
+    case 32:
+        if (in.remaining() / 4 < count) return 0;
+        for (size_t j = 0; j < count; ++j) records[j].result = in.u32();
+        return count;
+    case 0:
+    case 8: {
+        // A plain variable of no fixed width other than a STRING (DATE,
+        // TIME_OF_DAY, DATE_AND_TIME, STIME, STRING2, a STRING without a
+        // declared length) is decoded by the byte rule like an indexed one:
+        // its records get defined values and the cursor stays on the layout
+        // the exchange asked for.
+        const size_t size = byte_rule_size(count);
+        if (in.remaining() < size) return 0;
+        const bool empty = entry.bits == 0 && slot.tag_id < PLC_INDEXED_TAG_BASE &&
+                           entry.dim_type == kDimString &&
+                           string_is_empty(slot, *in.u8_at(in.pos()));
+        bool ended = false;
+        for (size_t j = 0; j < count; ++j) {
+            const uint8_t b = in.u8();
+            if (b == 0) ended = true;
+            records[j].result = (ended || empty) ? 0u : b;
+        }
+        in.skip(size - count);
+        return count;
+    }
+    default: return 0;
+    }
+}
+
+} // namespace
+
 Status decode_batch_values(wire::Bytes area, const BatchSlot *slots, size_t n,
                            const TagTable &table, PlcRequest *records) {
     wire::Reader in(area);
-    const size_t total = n;
     TimeText text{};
-
-    size_t i = 0;
-    while (i < total) {
+    for (size_t i = 0; i < n;) {
         const BatchSlot &slot = slots[i];
         const TagEntry *entry = find_entry(table, slot.tag_id);
-        if (entry == nullptr) return Status::ConfigError;
-        const size_t count = slot.count;
         // The classification never produces these; a slot of count 0 would
         // stall the walk and one reaching past the records would overrun them.
-        if (count == 0 || count > total - i) return Status::ConfigError;
-
-        // Every slot's bytes are checked before its records are touched, so a
-        // value area cut short never yields zeros reported as values.
-        if (entry->type_code == kTypeTime) {
-            if (in.remaining() < 8) return Status::CommFailure;
-            format_time_text(in.u64(), text);
-            for (size_t j = 0; j < count; ++j) {
-                records[i + j].result = time_text_unit(text, slot.element + uint32_t(j));
-            }
-            i += count;
-        } else if (entry->bits == 1) {
-            if (in.remaining() < 2) return Status::CommFailure;
-            records[i].result = in.u8() != 0 ? 1u : 0u;
-            in.skip(1);
-            i += 1;
-        } else if (entry->bits == 16) {
-            if (in.remaining() / 2 < count) return Status::CommFailure;
-            for (size_t j = 0; j < count; ++j) records[i + j].result = in.u16();
-            i += count;
-        } else if (entry->bits == 32) {
-            if (in.remaining() / 4 < count) return Status::CommFailure;
-            for (size_t j = 0; j < count; ++j) records[i + j].result = in.u32();
-            i += count;
-        } else if (entry->bits == 8 || entry->bits == 0) {
-            // A plain variable of no fixed width other than a STRING (DATE,
-            // TIME_OF_DAY, DATE_AND_TIME, STIME, STRING2, a STRING without a
-            // declared length) is decoded by the byte rule like an indexed one:
-            // its records get defined values and the cursor stays on the layout
-            // the exchange asked for.
-            const size_t size = byte_rule_size(count);
-            if (in.remaining() < size) return Status::CommFailure;
-            bool empty = false;
-            if (entry->bits == 0 && slot.tag_id < PLC_INDEXED_TAG_BASE && entry->dim_type == kDimString) {
-                empty = string_is_empty(slot, *in.u8_at(in.pos()));
-            }
-            bool ended = false;
-            for (size_t j = 0; j < count; ++j) {
-                const uint8_t b = in.u8();
-                if (b == 0) ended = true;
-                records[i + j].result = (ended || empty) ? 0u : b;
-            }
-            in.skip(size - count);
-            i += count;
-        } else {
-            return Status::CommFailure;
-        }
+        if (entry == nullptr || slot.count == 0 || slot.count > n - i) return Status::ConfigError;
+        const size_t written = decode_slot(in, slot, *entry, records + i, text);
+        if (written == 0) return Status::CommFailure;
+        i += written;
     }
     return Status::Ok;
 }
