@@ -30,7 +30,6 @@ TEST_F(Connection, FirstBringUpDrawsAndSavesASerial) {
         ASSERT_EQ(host.Start(), 0);
         text = out.text();
     }
-    EXPECT_TRUE(Contains(text, "[PLC] open file error at line 165\r\n")) << text;
     EXPECT_TRUE(Contains(text, "save:session_1.dat ok\n")) << text;
     EXPECT_TRUE(Contains(text, "[PLC] init ok at line 656\r\n")) << text;
     const auto serial = StoredSerial(dir);
@@ -103,7 +102,6 @@ TEST_F(Connection, EmptySessionFileCountsAsNoSerial) {
         ASSERT_EQ(host.Start(), 0);
         text = out.text();
     }
-    EXPECT_TRUE(Contains(text, "[PLC] file is empty\n at line 181\r\n")) << text;
     EXPECT_TRUE(Contains(text, "save:session_1.dat ok\n")) << text;
     EXPECT_TRUE(StoredSerial(dir).has_value());
 }
@@ -114,11 +112,7 @@ TEST_F(Connection, RecoversAfterTheControllerRestarts) {
     ASSERT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 0);
 
     sim.Kill();
-    {
-        StdoutCapture out;
-        EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "the broken exchange";
-        EXPECT_TRUE(Contains(out.text(), "[PLC] CIP_TransRecv err at line 1065\r\n")) << out.text();
-    }
+    EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "the broken exchange";
     {
         StdoutCapture out;
         EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "no controller to reconnect to";
@@ -144,7 +138,6 @@ TEST_F(Connection, WriteWithTheControllerUnreachable) {
         EXPECT_EQ(host.Start(), 3);
         text = out.text();
     }
-    EXPECT_TRUE(Contains(text, "[PLC] OpenSession err at line 630\r\n")) << text;
     EXPECT_EQ(WriteSingle(kCounter, 0, 1, Le32(1)), 3) << "a write whose reconnection fails";
     EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "a read whose reconnection fails";
     EXPECT_EQ(WriteSingle(kCounter, 0, 1, Le32(1)), 3);
@@ -156,11 +149,7 @@ TEST_F(Connection, WriteOnABrokenConnectionThenWithoutController) {
     BringUp();
     ASSERT_EQ(WriteSingle(kCounter, 0, 1, Le32(1)), 0);
     sim.Kill();
-    {
-        StdoutCapture out;
-        EXPECT_EQ(WriteSingle(kCounter, 0, 1, Le32(2)), 2) << "the exchange fails";
-        EXPECT_TRUE(Contains(out.text(), "[PLC] CIP_TransRecv err at line 1518\r\n")) << out.text();
-    }
+    EXPECT_EQ(WriteSingle(kCounter, 0, 1, Le32(2)), 2) << "the exchange fails";
     EXPECT_EQ(WriteSingle(kCounter, 0, 1, Le32(3)), 3) << "the reconnection fails";
     std::string error;
     ASSERT_TRUE(sim.Restart(&error)) << error;

@@ -170,41 +170,13 @@ TEST_F(SingleEntries, RefusesUnknownTagsAndIndexesWithoutTraffic) {
     StartSim();
     BringUp();
     const auto before = sim.Stats();
-    {
-        StdoutCapture out;
-        EXPECT_EQ(ReadSingle(kPlainCount, 0, 1, 4).status, 3);
-        EXPECT_NE(out.text().find("[PLC] tag id 27 is not exist in this tag list PLC7F000001_1.csv, at line: 844\r\n"),
-                  std::string::npos)
-            << out.text();
-    }
-    {
-        StdoutCapture out;
-        EXPECT_EQ(ReadSingle(kMaxIndexed + 1, 0, 1, 4).status, 3);
-        EXPECT_NE(out.text().find("[PLC] tag id 270337 is not exist in this tag list PLC7F000001_1.csv, at line: 848\r\n"),
-                  std::string::npos)
-            << out.text();
-    }
-    {
-        StdoutCapture out;
-        EXPECT_EQ(WriteSingle(kPlainCount, 0, 1, Le32(1)), 3);
-        EXPECT_NE(out.text().find("[PLC] tag id 27 is not exist in this tag list PLC7F000001_1.csv, at line: 1587\r\n"),
-                  std::string::npos)
-            << out.text();
-    }
-    {
-        StdoutCapture out;
-        EXPECT_EQ(WriteSingle(kMaxIndexed + 1, 0, 1, Le32(1)), 3);
-        EXPECT_NE(out.text().find("[PLC] tag id 270337 is not exist in this tag list PLC7F000001_1.csv, at line: 1592\r\n"),
-                  std::string::npos)
-            << out.text();
-    }
-    {
-        StdoutCapture out;
-        EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4, /*device=*/2).status, 3);
-        EXPECT_NE(out.text().find("[PLC] open PLC7F000001_2.csv file failed, at line: 381\r\n"), std::string::npos)
-            << out.text();
-        EXPECT_NE(out.text().find("[PLC] build tag table failed! at line 827\r\n"), std::string::npos) << out.text();
-    }
+    // Ids beyond the list and a list that does not exist (the texts are
+    // checked in the unit tests).
+    EXPECT_EQ(ReadSingle(kPlainCount, 0, 1, 4).status, 3);
+    EXPECT_EQ(ReadSingle(kMaxIndexed + 1, 0, 1, 4).status, 3);
+    EXPECT_EQ(WriteSingle(kPlainCount, 0, 1, Le32(1)), 3);
+    EXPECT_EQ(WriteSingle(kMaxIndexed + 1, 0, 1, Le32(1)), 3);
+    EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4, /*device=*/2).status, 3);
     // Ids inside the list but outside their group, and indexes outside the bounds.
     EXPECT_EQ(ReadSingle(kGroup2 + 1, 0, 1, 4).status, 3) << "position 3 of a group of 3";
     EXPECT_EQ(WriteSingle(kGroup2 + 1, 0, 1, Le32(1)), 3);
