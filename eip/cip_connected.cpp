@@ -48,33 +48,24 @@ bool frame_request(const EipSession &session, const CipConnection &connection, u
     return out.ok() && out.size() == kConnectedMrRequestAt;
 }
 
-enum class Match { Ours, Malformed, Other };
+} // namespace
 
-// Whether a received message answers the request with this sequence count on
-// this connection. A reply on our connection too short to echo a sequence
-// count is ours, and malformed.
-Match match_reply(wire::Bytes message, const CipConnection &connection, uint16_t sequence,
-                  size_t *data_item) {
+ConnectedReply match_connected_reply(wire::Bytes message, uint32_t to_conn_id, uint16_t sequence) {
     const wire::Reader in(message);
-    if (in.u16_at(0) != kEncapSendUnitData) return Match::Other;
+    if (in.u16_at(0) != kEncapSendUnitData) return {};
     const auto address = _GetAdressItem(message);
     const auto data = _GetDataItem(message);
-    if (!address || !data) return Match::Other;
+    if (!address || !data) return {};
     if (in.u16_at(*address) != kItemConnectedAddress ||
-        in.u16_at(*address + 2) < kConnectedAddressLength ||
-        in.u32_at(*address + 4) != connection.to_conn_id)
-        return Match::Other;
-    const auto length = in.u16_at(*data + 2);
-    if (!length || *length < kSequenceSize) {
-        *data_item = *data;
-        return Match::Malformed;
-    }
-    if (in.u16_at(*data + kItemHeader) != sequence) return Match::Other;
-    *data_item = *data;
-    return Match::Ours;
+        in.u16_at(*address + 2) < kConnectedAddressLength || in.u32_at(*address + 4) != to_conn_id)
+        return {};
+    // _GetDataItem found the item wholly inside the message.
+    const uint16_t length = *in.u16_at(*data + 2);
+    const wire::Bytes item{message.data + *data, kItemHeader + length};
+    if (length < kSequenceSize) return {ReplyMatch::Malformed, item};
+    if (in.u16_at(*data + kItemHeader) != sequence) return {};
+    return {ReplyMatch::Ours, item};
 }
-
-} // namespace
 
 std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &connection,
                                           const ConnectedBuffers &buffers, size_t mr_len) {
@@ -93,16 +84,9 @@ std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &co
     while (sent) {
         const auto size = receive_message_into(session.sock, buffers.recv, deadline);
         if (!size) break;
-        const wire::Bytes message{buffers.recv.data, *size};
-        size_t item = 0;
-        switch (match_reply(message, connection, sequence, &item)) {
-        case Match::Ours:
-        case Match::Malformed: {
-            const size_t length = *wire::Reader(message).u16_at(item + 2);
-            return wire::Bytes{message.data + item, kItemHeader + length};
-        }
-        case Match::Other: continue;
-        }
+        const ConnectedReply reply = match_connected_reply(
+            wire::Bytes{buffers.recv.data, *size}, connection.to_conn_id, sequence);
+        if (reply.match != ReplyMatch::Other) return reply.data_item;
     }
     LogCip(2, "!Exiting ConnectedSend with no response\r\n");
     return std::nullopt;

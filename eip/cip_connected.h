@@ -34,6 +34,18 @@ struct ConnectedBuffers {
     wire::MutableBytes recv;
 };
 
+// How a received message relates to the connected request with this sequence
+// count on the connection whose replies carry to_conn_id: Ours, with the
+// reply's connected data item; Malformed, a reply on our connection too short
+// to echo a sequence count (its item, when there is one); Other, anything else
+// (another connection, another sequence count, another command, no items).
+enum class ReplyMatch { Ours, Malformed, Other };
+struct ConnectedReply {
+    ReplyMatch match = ReplyMatch::Other;
+    wire::Bytes data_item; // type, length, sequence count, message-router reply
+};
+ConnectedReply match_connected_reply(wire::Bytes message, uint32_t to_conn_id, uint16_t sequence);
+
 // Frames the message-router request that lies at kConnectedMrRequestAt
 // (mr_len bytes) as a SendUnitData with the connection's next sequence count
 // (the count advances whatever happens), sends it and waits for the reply

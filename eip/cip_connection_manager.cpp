@@ -80,6 +80,19 @@ std::optional<MrRequest> _BuildMRRequest(uint8_t service, const uint8_t *path, s
     }
 }
 
+std::optional<ForwardOpenIds> parse_forward_open_reply(wire::Bytes mr_reply) {
+    // Only a successful answer to this very service opens the connection: a
+    // late reply to the Forward_Close before it must not pass for one.
+    const auto view = parse_mr_reply(mr_reply);
+    if (check_mr_reply(view, cip::kServiceLargeForwardOpen) != ReplyCheck::Ok) return std::nullopt;
+    wire::Reader in(view->data);
+    ForwardOpenIds ids;
+    ids.ot_conn_id = in.u32();
+    ids.to_conn_id = in.u32();
+    if (!in.ok()) return std::nullopt;
+    return ids;
+}
+
 std::optional<MrReply> _ExSendMRRequest(EipSession &session, const uint8_t *request, size_t size,
                                         size_t *reply_size) {
     if ((size > 0 && request == nullptr) || size > kMaxItemPayload) return std::nullopt;
@@ -148,13 +161,8 @@ std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priori
                                       CM_PATH.size(), data.data(), out.size(), nullptr);
     if (!reply) return nullptr;
 
-    // Only a successful answer to this very service opens the connection: a
-    // late reply to the Forward_Close before it must not pass for one.
-    const auto view = parse_mr_reply(wire::Bytes{reply->data(), reply->size()});
-    if (check_mr_reply(view, cip::kServiceLargeForwardOpen) != ReplyCheck::Ok ||
-        view->data.size < 8)
-        return nullptr;
-    wire::Reader in(view->data);
+    const auto ids = parse_forward_open_reply(wire::Bytes{reply->data(), reply->size()});
+    if (!ids) return nullptr;
 
     try {
         auto connection = std::make_unique<CipConnection>();
@@ -162,8 +170,8 @@ std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priori
         connection->conn_serial = conn_serial;
         connection->vendor_id = vendor_id;
         connection->orig_serial = orig_serial;
-        connection->ot_conn_id = in.u32();
-        connection->to_conn_id = in.u32();
+        connection->ot_conn_id = ids->ot_conn_id;
+        connection->to_conn_id = ids->to_conn_id;
         connection->sequence = 0;
         connection->path_len = path_len;
         connection->write_mode = 0;

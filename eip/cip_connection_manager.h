@@ -81,6 +81,14 @@ struct MrSpan {
 };
 std::optional<MrSpan> _GetMRReply(wire::Bytes message);
 
+// The connection ids a Large_Forward_Open reply grants: none unless it is the
+// service's reply with status 0 and at least the two ids in its data.
+struct ForwardOpenIds {
+    uint32_t ot_conn_id = 0;
+    uint32_t to_conn_id = 0;
+};
+std::optional<ForwardOpenIds> parse_forward_open_reply(wire::Bytes mr_reply);
+
 // Large_Forward_Open; the new connection, or none when refused or unanswered.
 std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priority,
                                              uint8_t ticks, uint32_t to_conn_id,

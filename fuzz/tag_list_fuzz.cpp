@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "engine/single_codec.h"
+#include "engine/element_rules.h"
 #include "tags/tag_cache.h"
 #include "tags/tag_list.h"
 
@@ -37,9 +37,10 @@ void check_entry(const TagEntry &e) {
     // hold without dividing by a width of zero (the sanitizers watch them).
     for (const uint32_t element : {0u, 1u, 7u, 0xFFFFu}) {
         for (const uint32_t count : {0u, 1u, 3u}) {
-            (void)plc::check_read_range(e, element, count);
-            (void)plc::check_write_range(e, element, count, false);
-            (void)plc::check_write_range(e, element, count, true);
+            (void)plc::run_inside_variable(e, element, count);
+            (void)plc::item_geometry(e, element, count);
+            plc::NameText name;
+            (void)plc::bool_element_name(e, element, name);
         }
     }
 }
