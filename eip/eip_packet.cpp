@@ -215,9 +215,9 @@ std::optional<size_t> _GetEipCPF(wire::Bytes message) {
     if (!header || header->length < 2) return std::nullopt;
     size_t at;
     switch (header->command) {
-    case 0x0004:
-    case 0x0063:
-    case 0x0064: at = kEncapHeaderSize; break;
+    case kEncapListServices:
+    case kEncapListIdentity:
+    case kEncapListInterfaces: at = kEncapHeaderSize; break;
     case kEncapSendRRData:
     case kEncapSendUnitData: at = kEncapHeaderSize + 6; break;
     default: return std::nullopt;

@@ -13,6 +13,9 @@
 namespace plc {
 
 enum EncapCommand : uint16_t {
+    kEncapListServices = 0x0004,
+    kEncapListIdentity = 0x0063,
+    kEncapListInterfaces = 0x0064,
     kEncapRegisterSession = 0x0065,
     kEncapUnRegisterSession = 0x0066,
     kEncapSendRRData = 0x006F,
