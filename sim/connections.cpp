@@ -2,6 +2,7 @@
 
 #include "sim/codes.h"
 #include "sim/log.h"
+#include "sim/trace.h"
 
 namespace plc::sim {
 
@@ -136,7 +137,7 @@ std::shared_ptr<Connection> ConnectionTable::Find(uint32_t session, uint32_t ot_
     return it->second.connection;
 }
 
-size_t ConnectionTable::ExpireIdle(Clock::time_point now) {
+void ConnectionTable::ExpireIdle(Clock::time_point now) {
     std::lock_guard<std::mutex> lock(mutex_);
     size_t expired = 0;
     for (auto it = connections_.begin(); it != connections_.end();) {
@@ -146,7 +147,7 @@ size_t ConnectionTable::ExpireIdle(Clock::time_point now) {
             ++it;
             continue;
         }
-        Log::Trace("-- connection " + std::to_string(c.ot_id) + " timed out");
+        Log::Trace("-- connection " + Hex(c.ot_id, 8) + " timed out");
         it = connections_.erase(it);
         ++expired;
     }
@@ -154,7 +155,6 @@ size_t ConnectionTable::ExpireIdle(Clock::time_point now) {
         stats_.connections_timed_out += expired;
         Publish();
     }
-    return expired;
 }
 
 void ConnectionTable::Forget() {
@@ -162,11 +162,6 @@ void ConnectionTable::Forget() {
     sessions_.clear();
     connections_.clear();
     Publish();
-}
-
-size_t ConnectionTable::open_connections() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return connections_.size();
 }
 
 } // namespace plc::sim

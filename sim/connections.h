@@ -85,11 +85,10 @@ public:
     bool Close(const Triple &triple);
     // The open connection with this O->T id owned by this session, or null.
     std::shared_ptr<Connection> Find(uint32_t session, uint32_t ot_id) const;
-    // Closes the connections whose timeout has passed; how many.
-    size_t ExpireIdle(Clock::time_point now);
+    // Closes the connections whose timeout has passed.
+    void ExpireIdle(Clock::time_point now);
     // A restart: every session and connection forgotten.
     void Forget();
-    size_t open_connections() const;
 
 private:
     struct Entry {

@@ -54,6 +54,16 @@ bool LoadVariables(const Options &options, SharedStore &shared) {
     return true;
 }
 
+// Signals are taken by sigwait; every thread started later inherits the
+// blocked mask, so none of them is interrupted by one.
+sigset_t BlockSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int s : {SIGINT, SIGTERM, SIGUSR1}) sigaddset(&signals, s);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
 // Until SIGINT or SIGTERM; SIGUSR1 prints the store.
 void WaitForSignals(const sigset_t &signals, SharedStore &shared) {
     while (true) {
@@ -84,12 +94,7 @@ int main(int argc, char **argv) {
     }
     Log::SetVerbose(options.verbose);
 
-    // Signals are taken by sigwait; every thread started later inherits the
-    // blocked mask, so none of them is interrupted by one.
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int s : {SIGINT, SIGTERM, SIGUSR1}) sigaddset(&signals, s);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const sigset_t signals = BlockSignals();
 
     SharedStore shared;
     if (!LoadVariables(options, shared)) return kExitUsage;
@@ -109,13 +114,13 @@ int main(int argc, char **argv) {
     }
     std::unique_ptr<ControlChannel> control;
     if (!options.control_socket.empty()) {
-        control = std::make_unique<ControlChannel>(
-            options.control_socket,
-            [&](const std::string &line) { return RunControlCommand(server, stats, line); });
-        if (!control->Start(&error)) {
-            std::fprintf(stderr, "plc-sim: %s\n", error.c_str());
-            return kExitFailure;
-        }
+        control = std::make_unique<ControlChannel>(options.control_socket, [&](const std::string &line) {
+            return RunControlCommand(server, stats, line);
+        });
+    }
+    if (control && !control->Start(&error)) {
+        std::fprintf(stderr, "plc-sim: %s\n", error.c_str());
+        return kExitFailure;
     }
     std::unique_ptr<LiveAnimation> live;
     if (options.live) {

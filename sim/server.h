@@ -55,7 +55,6 @@ public:
     void Stop();
 
     FaultBook &faults() { return faults_; }
-    ConnectionTable &connections() { return table_; }
     // As a controller that restarts: every session, connection and handle is
     // forgotten and every client's TCP connection closed.
     void Restart();
