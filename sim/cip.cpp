@@ -74,7 +74,8 @@ std::optional<MrRequest> ParseMrRequest(const uint8_t *bytes, size_t size) {
 
 std::vector<uint8_t> EncodeMrReply(uint8_t request_service, const CipReply &reply) {
     wire::VecWriter out(4 + 2 * reply.additional.size() + reply.data.size());
-    out.u8(uint8_t(request_service | service::kReplyBit)).u8(0).u8(reply.general);
+    out.u8(uint8_t(reply.service.value_or(request_service) | service::kReplyBit));
+    out.u8(0).u8(reply.general);
     out.u8(uint8_t(reply.additional.size()));
     for (const uint16_t word : reply.additional) out.u16(word);
     out.bytes(reply.data.data(), reply.data.size());
@@ -106,6 +107,13 @@ uint16_t CheckRouterPath(const std::vector<uint8_t> &path) {
         instance != kRouterInstance)
         return extended::kInvalidConnectionPath;
     return 0;
+}
+
+uint16_t CheckOwnSlotRoute(const std::vector<uint8_t> &route) {
+    wire::Reader in(route);
+    if (route.empty()) return extended::kInvalidConnectionPath;
+    if (const uint16_t status = CheckPortSegment(in)) return status;
+    return in.remaining() == 0 ? 0 : extended::kInvalidConnectionPath;
 }
 
 std::string HexBytes(const uint8_t *bytes, size_t size, size_t max) {

@@ -22,8 +22,11 @@ struct MrRequest {
 // Splits a message-router request; none when the announced path does not fit.
 std::optional<MrRequest> ParseMrRequest(const uint8_t *bytes, size_t size);
 
-// What a service answers; the reply service code is added when it is encoded.
+// What a service answers; the reply service code is added when it is encoded:
+// the request's, unless `service` names another (a routed request answers
+// with the service it carried).
 struct CipReply {
+    std::optional<uint8_t> service;
     uint8_t general = general::kSuccess;
     std::vector<uint16_t> additional;
     std::vector<uint8_t> data;
@@ -62,6 +65,9 @@ std::optional<RequestPath> ParseRequestPath(const std::vector<uint8_t> &path);
 // then the message router (class 2, instance 1). 0 when the path reaches the
 // message router, else the connection manager's extended status.
 uint16_t CheckRouterPath(const std::vector<uint8_t> &path);
+// A route path of Unconnected_Send: exactly the port segment of this
+// controller's slot. 0, or the extended status of the routing error.
+uint16_t CheckOwnSlotRoute(const std::vector<uint8_t> &route);
 
 // "20 06 24 01" style text of at most `max` bytes ("..." when there are more).
 std::string HexBytes(const uint8_t *bytes, size_t size, size_t max = 24);

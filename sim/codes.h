@@ -44,6 +44,7 @@ namespace service {
 constexpr uint8_t kGetAttributesAll = 0x01;
 constexpr uint8_t kGetAttributeSingle = 0x0E;
 constexpr uint8_t kForwardClose = 0x4E;
+constexpr uint8_t kUnconnectedSend = 0x52;
 constexpr uint8_t kForwardOpen = 0x54;
 constexpr uint8_t kRead = 0x55;          // read by handle (variable class)
 constexpr uint8_t kResolveOrWrite = 0x56; // resolve (resolve class), write (variable class)

@@ -14,6 +14,7 @@ constexpr size_t kLengthField = 2;
 constexpr size_t kSessionField = 4;
 constexpr size_t kSequenceSize = 2;
 constexpr size_t kMrHeader = 4; // service, reserved, general status, additional size
+constexpr size_t kAdditionalSizeField = 3;
 constexpr uint8_t kOtherService = 0x01;
 
 // A body longer than a message can announce is cut to what it can.
@@ -55,20 +56,22 @@ void AddToField(uint8_t *at, size_t width, uint32_t delta) {
 
 void SetLength(const Fault &f, std::vector<uint8_t> &message) {
     const int64_t real = int64_t(message.size() - kHeaderSize);
-    const int64_t lie = std::clamp<int64_t>(f.relative ? real + f.value : f.value, 0, 0xFFFF);
+    const int64_t lie = std::clamp<int64_t>(f.relative ? real + f.value : f.value, 0, int64_t(kMaxBody));
     wire::Writer(message.data() + kLengthField, 2).u16(uint16_t(lie));
 }
 
+// The reply service stays; status, additional status and data are replaced.
 void ReplaceStatus(const Fault &f, std::vector<uint8_t> &mr) {
     wire::VecWriter out(kMrHeader + 2 * f.additional.size());
-    out.u8(mr[0]).u8(0).u8(f.general).u8(uint8_t(f.additional.size()));
+    out.u8(wire::Reader(mr).u8()).u8(0).u8(f.general).u8(uint8_t(f.additional.size()));
     for (const uint16_t word : f.additional) out.u16(word);
     mr = out.take();
 }
 
 // Response data bytes start after the additional status words.
 void ChangeDataSize(const Fault &f, std::vector<uint8_t> &mr) {
-    const size_t data_start = std::min(mr.size(), kMrHeader + 2 * size_t(mr[3]));
+    const size_t words = wire::Reader(mr).u8_at(kAdditionalSizeField).value_or(0);
+    const size_t data_start = std::min(mr.size(), kMrHeader + 2 * words);
     const size_t n = std::min(size_t(f.value), kMaxBody);
     if (f.action == Action::MoreBytes)
         mr.insert(mr.end(), n, 0);
@@ -102,7 +105,11 @@ void RewriteReply(const Fault &f, std::vector<uint8_t> &message) {
                 AddToField(cpf.data.data.data(), kSequenceSize, 1);
         });
         break;
-    case Action::WrongService: EditMr(message, [](auto &mr) { mr[0] ^= kOtherService; }); break;
+    case Action::WrongService:
+        EditMr(message, [](auto &mr) {
+            wire::Writer(mr.data(), 1).u8(uint8_t(wire::Reader(mr).u8() ^ kOtherService));
+        });
+        break;
     case Action::Status: EditMr(message, [&](auto &mr) { ReplaceStatus(f, mr); }); break;
     case Action::FewerBytes:
     case Action::MoreBytes: EditMr(message, [&](auto &mr) { ChangeDataSize(f, mr); }); break;

@@ -1,6 +1,8 @@
 // The message router of the simulated controller: hands each request to the
 // object its path names. Unconnected requests (SendRRData) reach the
-// Identity object and the connection manager; connected requests reach the
+// Identity object and the connection manager (and through its
+// Unconnected_Send, a request routed to this controller's own slot);
+// connected requests reach the
 // Identity object and the variable services, which need the connection's
 // token.
 #pragma once
@@ -23,6 +25,8 @@ public:
     CipReply Connected(const Connection &connection, const MrRequest &request);
 
 private:
+    CipReply UnconnectedSend(uint32_t session, const MrRequest &request, bool refuse_open);
+
     ConnectionManager manager_;
     VariableServices &services_;
     const Identity &identity_;

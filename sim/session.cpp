@@ -91,13 +91,14 @@ ClientProtocol::Outcome ClientProtocol::SendRRData(const Header &h, const std::v
         !cpf->data.Is(Item::UnconnectedData) || cpf->data.data.empty())
         return Reply(h, EncapStatus::IncorrectData);
     const std::vector<uint8_t> &request = cpf->data.data;
+    const uint8_t service = wire::Reader(request).u8();
     const auto mr = ParseMrRequest(request.data(), request.size());
     const CipReply reply = mr ? ctx_.router.Unconnected(session_, *mr, refuse_open)
                               : CipReply::Error(general::kPathSegmentError);
     if (!reply.ok()) ++ctx_.stats.errors;
-    std::vector<uint8_t> mr_reply = EncodeMrReply(request[0], reply);
+    std::vector<uint8_t> mr_reply = EncodeMrReply(service, reply);
     if (mr_reply.size() > kMaxUnconnectedReply)
-        mr_reply = EncodeMrReply(request[0], CipReply::Error(general::kReplyDataTooLarge));
+        mr_reply = EncodeMrReply(service, CipReply::Error(general::kReplyDataTooLarge));
     return Reply(h, EncapStatus::Success,
                  EncodeCpf({{uint16_t(Item::NullAddress), {}},
                             {uint16_t(Item::UnconnectedData), std::move(mr_reply)}}));
@@ -130,8 +131,9 @@ ClientProtocol::Outcome ClientProtocol::SendUnitData(const Header &h,
         mr_reply = Execute(*c, sequence, request);
     } else {
         ++ctx_.stats.errors;
-        mr_reply = EncodeMrReply(request[0], CipReply::Error(general::kConnectionFailure,
-                                                             {extended::kConnectionNotFound}));
+        mr_reply = EncodeMrReply(wire::Reader(request).u8(),
+                                 CipReply::Error(general::kConnectionFailure,
+                                                 {extended::kConnectionNotFound}));
     }
     wire::VecWriter address(kConnectionIdSize);
     address.u32(c ? c->terms.to_id : 0);
@@ -169,7 +171,7 @@ std::vector<uint8_t> ClientProtocol::Execute(Connection &c, uint16_t sequence,
     c.has_last = true;
     c.last_sequence = sequence;
     c.last_request_bytes = request;
-    c.last_reply = EncodeMrReply(request[0], reply);
+    c.last_reply = EncodeMrReply(wire::Reader(request).u8(), reply);
     return c.last_reply;
 }
 

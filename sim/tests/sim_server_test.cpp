@@ -157,7 +157,15 @@ TEST_F(SimServer, DiscoveryAndIdentityAnswerWithoutAConnection) {
         {Mr(0x01, {0x20, 0x42, 0x24, 0x01}), 0x05, {}},
         {Mr(0x01, {0x91, 0x02, 'A', 'B'}), 0x04, {}},
         {Mr(0x55, kVariablePath), 0x08, {}}, // variables need a connection
+        // Unconnected_Send routed to slot 2 of the backplane: not us.
+        {Mr(0x52, kCmPath, {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x02}),
+         0x01, {0x12, 0x03, 1}},
     };
+    // Routed to this controller's own slot, the embedded request is answered
+    // with its own service.
+    const Bytes routed =
+        c.RR(Mr(0x52, kCmPath, {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x00}));
+    EXPECT_EQ(routed, (Bytes{0x8E, 0, 0, 0, 0x0E, 0x00}));
     for (const Case &k : cases) {
         const Bytes mr = c.RR(k.mr);
         SCOPED_TRACE(HexBytes(k.mr));

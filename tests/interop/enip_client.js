@@ -1,7 +1,8 @@
 // An independent EtherNet/IP client against plc-sim: discovery over UDP and
 // TCP, then a session, a Forward_Open, the Identity object over the
-// connection, a Forward_Close and UnRegisterSession, all as the client library
-// builds and parses them. Exits 0 when every answer made sense to it.
+// connection and a Forward_Close, then the Identity object through
+// Unconnected_Send, all as the client library builds and parses them. Exits 0
+// when every answer made sense to it.
 //
 // usage: node enip_client.js HOST PORT   (NODE_PATH must reach st-ethernet-ip)
 "use strict";
@@ -72,8 +73,16 @@ async function main() {
     check(plc.properties.version === "1.1", "Get_Attributes_All gives the revision");
     const name = await plc.getAttributeSingle(0x01, 0x01, 0x07);
     check(name.slice(1).toString() === kProductName, "Get_Attribute_Single gives attribute 7");
-    await plc.disconnect(); // Forward_Close, UnRegisterSession
+    await plc.disconnect(); // Forward_Close
     check(true, "Forward_Close answered");
+
+    // Without a connection the library routes each request to the
+    // controller's slot with Unconnected_Send.
+    const unconnected = new Controller(false);
+    await unconnected.connect(host, 0, false);
+    await unconnected.readControllerProps();
+    check(unconnected.properties.name === kProductName, "Get_Attributes_All through Unconnected_Send");
+    await unconnected.disconnect();
 }
 
 const guard = setTimeout(() => {
