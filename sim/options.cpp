@@ -99,22 +99,34 @@ std::string AddAssignment(Options &o, const std::string &v) {
     return {};
 }
 
-const std::map<std::string, Setter> &ValueOptions() {
-    static const std::map<std::string, Setter> options = {
-        {"--address", [](Options &o, const std::string &v) { o.server.address = v; return std::string(); }},
-        {"--port", SetPort},
-        {"--tags", [](Options &o, const std::string &v) { o.tag_files.push_back(v); return std::string(); }},
-        {"--set", AddAssignment},
-        {"--live-counter", [](Options &o, const std::string &v) { o.live_names.counter = v; return std::string(); }},
-        {"--live-sine", [](Options &o, const std::string &v) { o.live_names.sine = v; return std::string(); }},
-        {"--live-toggle", [](Options &o, const std::string &v) { o.live_names.toggle = v; return std::string(); }},
-        {"--stats", [](Options &o, const std::string &v) { o.stats_file = v; return std::string(); }},
-        {"--store", [](Options &o, const std::string &v) { o.store_file = v; return std::string(); }},
-        {"--control", [](Options &o, const std::string &v) { o.control_socket = v; return std::string(); }},
-        {"--connection-timeout", SetTimeout},
-        {"--fault", AddFault},
+std::string AddTagList(Options &o, const std::string &v) {
+    o.tag_files.push_back(v);
+    return {};
+}
+
+// Options whose value is checked or collected.
+Setter CheckedOption(const std::string &name) {
+    static const std::map<std::string, Setter> setters = {
+        {"--port", SetPort},         {"--connection-timeout", SetTimeout},
+        {"--fault", AddFault},       {"--set", AddAssignment},
+        {"--tags", AddTagList},
     };
-    return options;
+    const auto it = setters.find(name);
+    return it == setters.end() ? nullptr : it->second;
+}
+
+// Options that keep their value as it is written.
+std::string *TextOption(Options &o, const std::string &name) {
+    const std::pair<const char *, std::string *> fields[] = {
+        {"--address", &o.server.address},   {"--live-counter", &o.live_names.counter},
+        {"--live-sine", &o.live_names.sine}, {"--live-toggle", &o.live_names.toggle},
+        {"--stats", &o.stats_file},          {"--store", &o.store_file},
+        {"--control", &o.control_socket},
+    };
+    for (const auto &[option, field] : fields) {
+        if (name == option) return field;
+    }
+    return nullptr;
 }
 
 // Flags without a value; false for an unknown one.
@@ -149,13 +161,18 @@ std::string ParseOptions(int argc, char **argv, Options &o) {
             has_value = true;
         }
         if (!has_value && SetFlag(o, arg)) continue;
-        const auto setter = ValueOptions().find(arg);
-        if (setter == ValueOptions().end()) return "unknown option: " + arg;
+        const Setter setter = CheckedOption(arg);
+        std::string *text = setter ? nullptr : TextOption(o, arg);
+        if (!setter && !text) return "unknown option: " + arg;
         if (!has_value) {
             if (i + 1 >= argc) return arg + " needs a value";
             value = argv[++i];
         }
-        if (std::string error = setter->second(o, value); !error.empty()) return error;
+        if (text) {
+            *text = value;
+        } else if (std::string error = setter(o, value); !error.empty()) {
+            return error;
+        }
     }
     return {};
 }

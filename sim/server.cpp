@@ -176,7 +176,7 @@ void Server::Serve(Client &client) {
             if (after != AfterDelivery::KeepOpen) break;
         }
     }
-    if (after == AfterDelivery::Restart) Restart();
+    if (after == AfterDelivery::Restart) Restart(client.fd);
     PublishStats();
     Log::Trace("-- " + client.peer + " disconnected");
     // The descriptor stays open until the thread is joined, so that its
@@ -190,13 +190,13 @@ void Server::Serve(Client &client) {
     Wake();
 }
 
-void Server::Restart() {
+void Server::Restart(int except_fd) {
     table_.Forget();
     ++stats_.restarts;
     Log::Trace("-- restart: every session and connection forgotten");
     std::lock_guard<std::mutex> lock(clients_mutex_);
     for (const auto &c : clients_) {
-        if (!c->finished) shutdown(c->fd, SHUT_RDWR);
+        if (!c->finished && c->fd != except_fd) shutdown(c->fd, SHUT_RDWR);
     }
 }
 

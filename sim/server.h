@@ -56,8 +56,9 @@ public:
 
     FaultBook &faults() { return faults_; }
     // As a controller that restarts: every session, connection and handle is
-    // forgotten and every client's TCP connection closed.
-    void Restart();
+    // forgotten and every client's TCP connection closed (but `except_fd`,
+    // which its own thread closes once the others are).
+    void Restart(int except_fd = -1);
     void PublishStats();
 
 private:
