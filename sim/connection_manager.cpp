@@ -92,12 +92,14 @@ uint8_t ParseOpen(const std::vector<uint8_t> &data, bool large, OpenRequest &r) 
 // The extended status that refuses these terms, or 0.
 uint16_t CheckTerms(const OpenRequest &r, const ParamLayout &layout) {
     if (const uint16_t status = CheckRouterPath(r.path)) return status;
-    if ((r.transport & kTransportClassMask) != kTransportClass3 || !(r.transport & kTransportServer))
+    if ((r.transport & kTransportClassMask) != kTransportClass3 ||
+        !(r.transport & kTransportServer))
         return extended::kTransportNotSupported;
     for (const uint32_t params : r.params) {
         if (((params >> layout.type_shift) & kTypeMask) != kPointToPoint)
             return extended::kInvalidConnectionParameter;
-        if ((params & layout.size_mask) < kMinConnectionSize) return extended::kInvalidConnectionSize;
+        if ((params & layout.size_mask) < kMinConnectionSize)
+            return extended::kInvalidConnectionSize;
     }
     if (r.terms.timeout_multiplier > kMaxTimeoutMultiplier) return extended::kParameterError;
     return 0;

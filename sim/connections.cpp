@@ -18,9 +18,10 @@ Clock::duration ConnectionTimeout(uint32_t rpi_us, uint8_t coded_multiplier) {
 }
 
 ConnectionTable::ConnectionTable(Stats &stats, size_t max_connections,
-                                 std::chrono::milliseconds timeout_cap)
+                                 std::chrono::milliseconds timeout_cap,
+                                 std::function<void()> on_expiry)
     : stats_(stats), max_connections_(max_connections), timeout_cap_(timeout_cap),
-      random_(std::random_device{}()) {}
+      on_expiry_(std::move(on_expiry)), random_(std::random_device{}()) {}
 
 ConnectionTable::~ConnectionTable() { StopWatchdog(); }
 
@@ -138,23 +139,25 @@ std::shared_ptr<Connection> ConnectionTable::Find(uint32_t session, uint32_t ot_
 }
 
 void ConnectionTable::ExpireIdle(Clock::time_point now) {
-    std::lock_guard<std::mutex> lock(mutex_);
     size_t expired = 0;
-    for (auto it = connections_.begin(); it != connections_.end();) {
-        const Connection &c = *it->second.connection;
-        const Clock::time_point last{Clock::duration(c.last_request.load())};
-        if (now - last < c.timeout) {
-            ++it;
-            continue;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = connections_.begin(); it != connections_.end();) {
+            const Connection &c = *it->second.connection;
+            const Clock::time_point last{Clock::duration(c.last_request.load())};
+            if (now - last < c.timeout) {
+                ++it;
+                continue;
+            }
+            Log::Trace("-- connection " + Hex(c.ot_id, 8) + " timed out");
+            it = connections_.erase(it);
+            ++expired;
         }
-        Log::Trace("-- connection " + Hex(c.ot_id, 8) + " timed out");
-        it = connections_.erase(it);
-        ++expired;
-    }
-    if (expired) {
+        if (expired == 0) return;
         stats_.connections_timed_out += expired;
         Publish();
     }
+    if (on_expiry_) on_expiry_();
 }
 
 void ConnectionTable::Forget() {

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -62,8 +63,10 @@ struct Connection {
 class ConnectionTable {
 public:
     // `timeout_cap` (when not zero) shortens every connection's timeout to at
-    // most that, for tests that wait for one to expire.
-    ConnectionTable(Stats &stats, size_t max_connections, std::chrono::milliseconds timeout_cap);
+    // most that, for tests that wait for one to expire. `on_expiry` is called
+    // (without the table's lock) after connections timed out.
+    ConnectionTable(Stats &stats, size_t max_connections, std::chrono::milliseconds timeout_cap,
+                    std::function<void()> on_expiry = {});
     ~ConnectionTable();
     ConnectionTable(const ConnectionTable &) = delete;
     ConnectionTable &operator=(const ConnectionTable &) = delete;
@@ -104,6 +107,7 @@ private:
     Stats &stats_;
     const size_t max_connections_;
     const std::chrono::milliseconds timeout_cap_;
+    const std::function<void()> on_expiry_;
     mutable std::mutex mutex_;
     mutable std::mt19937 random_;
     std::set<uint32_t> sessions_;

@@ -31,7 +31,8 @@ inline std::optional<std::string> Send(const std::string &socket_path, const std
         send(fd, line.data(), line.size(), MSG_NOSIGNAL) == ssize_t(line.size())) {
         answer.emplace();
         char buffer[4096];
-        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) answer->append(buffer, size_t(n));
+        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
+            answer->append(buffer, size_t(n));
     }
     close(fd);
     return answer;

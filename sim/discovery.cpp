@@ -46,7 +46,8 @@ std::optional<std::vector<uint8_t>> AnswerDiscovery(const Header &header, size_t
     if (body_size != 0) return EncodeMessage(header, header.session, EncapStatus::IncorrectData);
     std::vector<CpfItem> items;
     if (header.Is(Command::ListIdentity))
-        items.push_back({uint16_t(Item::Identity), IdentityItemData(identity, local_address, port)});
+        items.push_back(
+            {uint16_t(Item::Identity), IdentityItemData(identity, local_address, port)});
     else if (header.Is(Command::ListServices))
         items.push_back({uint16_t(Item::Services), ServicesItemData()});
     // ListInterfaces: no interface besides the CIP one, so no item.

@@ -36,7 +36,8 @@ void EditCpf(std::vector<uint8_t> &message, const std::function<void(Cpf &)> &ed
 }
 
 // The same for the message-router reply inside the data item.
-void EditMr(std::vector<uint8_t> &message, const std::function<void(std::vector<uint8_t> &)> &edit) {
+void EditMr(std::vector<uint8_t> &message,
+            const std::function<void(std::vector<uint8_t> &)> &edit) {
     EditCpf(message, [&](Cpf &cpf) {
         const size_t skip = cpf.data.Is(Item::ConnectedData) ? kSequenceSize : 0;
         if (cpf.data.data.size() < skip + kMrHeader) return;
@@ -56,7 +57,8 @@ void AddToField(uint8_t *at, size_t width, uint32_t delta) {
 
 void SetLength(const Fault &f, std::vector<uint8_t> &message) {
     const int64_t real = int64_t(message.size() - kHeaderSize);
-    const int64_t lie = std::clamp<int64_t>(f.relative ? real + f.value : f.value, 0, int64_t(kMaxBody));
+    const int64_t lie =
+        std::clamp<int64_t>(f.relative ? real + f.value : f.value, 0, int64_t(kMaxBody));
     wire::Writer(message.data() + kLengthField, 2).u16(uint16_t(lie));
 }
 

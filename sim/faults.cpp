@@ -147,7 +147,8 @@ std::optional<Fault> ParseFault(std::string_view text, std::string *error) {
     const auto kind = ParseKind(text.substr(0, colon));
     if (colon == std::string_view::npos || !kind) {
         *error = "a fault starts with a message kind and ':' (register, forward-open, "
-                 "forward-close, resolve, read, write, connected, any): " + f.text;
+                 "forward-close, resolve, read, write, connected, any): " +
+                 f.text;
         return std::nullopt;
     }
     f.kind = *kind;

@@ -53,8 +53,8 @@ struct Fault {
     uint64_t times = 0;
     double probability = 1.0;
     uint32_t seed = 1;
-    std::string text;       // as it was written
-    uint32_t draw = 0;      // per application: seeds Garbage's bytes
+    std::string text;  // as it was written
+    uint32_t draw = 0; // per application: seeds Garbage's bytes
 };
 
 // None, with `error` set, for text that does not follow the syntax above.

@@ -8,8 +8,8 @@ namespace {
 
 constexpr uint16_t kClassRevision = 1;
 constexpr uint16_t kInstances = 1;
-constexpr uint16_t kClassAttributes = 3;  // revision, max instance, number of instances
-constexpr uint16_t kAllAttributes = 7;    // what Get_Attributes_All returns
+constexpr uint16_t kClassAttributes = 3; // revision, max instance, number of instances
+constexpr uint16_t kAllAttributes = 7;   // what Get_Attributes_All returns
 constexpr uint16_t kInstanceAttributes = 8;
 constexpr uint16_t kAfInet = 2;
 constexpr size_t kSinZero = 8;

@@ -11,15 +11,15 @@
 namespace plc::sim {
 
 struct Identity {
-    uint16_t vendor_id = 0xFFFE; // not a vendor's: this is a simulator
+    uint16_t vendor_id = 0xFFFE;   // not a vendor's: this is a simulator
     uint16_t device_type = 0x000E; // programmable logic controller
     uint16_t product_code = 1;
     uint8_t revision_major = 1;
     uint8_t revision_minor = 1;
-    uint16_t status = 0x0030;  // extended device status 3: no I/O connection
+    uint16_t status = 0x0030; // extended device status 3: no I/O connection
     uint32_t serial_number = 0x53494D31;
     std::string product_name = "plc-sim controller simulator";
-    uint8_t state = 3;         // operational
+    uint8_t state = 3; // operational
 };
 
 // Get_Attributes_All (instance 1: attributes 1 to 7) and

@@ -114,9 +114,10 @@ int main(int argc, char **argv) {
     }
     std::unique_ptr<ControlChannel> control;
     if (!options.control_socket.empty()) {
-        control = std::make_unique<ControlChannel>(options.control_socket, [&](const std::string &line) {
-            return RunControlCommand(server, stats, line);
-        });
+        control =
+            std::make_unique<ControlChannel>(options.control_socket, [&](const std::string &line) {
+                return RunControlCommand(server, stats, line);
+            });
     }
     if (control && !control->Start(&error)) {
         std::fprintf(stderr, "plc-sim: %s\n", error.c_str());

@@ -62,12 +62,9 @@ std::optional<Kind> ParseKind(std::string_view name) {
 
 void CountKinds(Stats &stats, Kinds kinds) {
     const std::pair<Kind, std::atomic<uint64_t> *> counters[] = {
-        {Kind::Register, &stats.register_requests},
-        {Kind::ForwardOpen, &stats.forward_open},
-        {Kind::ForwardClose, &stats.forward_close},
-        {Kind::Resolve, &stats.resolve_requests},
-        {Kind::Read, &stats.read_requests},
-        {Kind::Write, &stats.write_requests},
+        {Kind::Register, &stats.register_requests},   {Kind::ForwardOpen, &stats.forward_open},
+        {Kind::ForwardClose, &stats.forward_close},   {Kind::Resolve, &stats.resolve_requests},
+        {Kind::Read, &stats.read_requests},           {Kind::Write, &stats.write_requests},
         {Kind::Connected, &stats.connected_requests},
     };
     for (const auto &[kind, counter] : counters) {

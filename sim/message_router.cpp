@@ -38,7 +38,8 @@ CipReply MessageRouter::UnconnectedSend(uint32_t session, const MrRequest &reque
     in.skip(size + (size & 1u));
     const uint8_t words = in.u8();
     in.u8();
-    if (!in.ok() || in.remaining() < size_t(words) * 2) return CipReply::Error(general::kNotEnoughData);
+    if (!in.ok() || in.remaining() < size_t(words) * 2)
+        return CipReply::Error(general::kNotEnoughData);
     if (in.remaining() > size_t(words) * 2) return CipReply::Error(general::kTooMuchData);
     if (const uint16_t status = CheckOwnSlotRoute({in.here(), in.here() + in.remaining()})) {
         CipReply refusal = CipReply::Error(general::kConnectionFailure, {status});

@@ -63,7 +63,8 @@ const char kUsage[] =
     "Answer: 'ok' or 'error: why' on the first line, then the command's output.\n";
 
 bool ParseNumber(const std::string &text, unsigned long max, unsigned long *out) {
-    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos)
+    if (text.empty() || text.size() > 9 ||
+        text.find_first_not_of("0123456789") != std::string::npos)
         return false;
     *out = std::strtoul(text.c_str(), nullptr, 10);
     return *out <= max;
@@ -107,8 +108,8 @@ std::string AddTagList(Options &o, const std::string &v) {
 // Options whose value is checked or collected.
 Setter CheckedOption(const std::string &name) {
     static const std::map<std::string, Setter> setters = {
-        {"--port", SetPort},         {"--connection-timeout", SetTimeout},
-        {"--fault", AddFault},       {"--set", AddAssignment},
+        {"--port", SetPort},    {"--connection-timeout", SetTimeout},
+        {"--fault", AddFault},  {"--set", AddAssignment},
         {"--tags", AddTagList},
     };
     const auto it = setters.find(name);
@@ -118,7 +119,7 @@ Setter CheckedOption(const std::string &name) {
 // Options that keep their value as it is written.
 std::string *TextOption(Options &o, const std::string &name) {
     const std::pair<const char *, std::string *> fields[] = {
-        {"--address", &o.server.address},   {"--live-counter", &o.live_names.counter},
+        {"--address", &o.server.address},    {"--live-counter", &o.live_names.counter},
         {"--live-sine", &o.live_names.sine}, {"--live-toggle", &o.live_names.toggle},
         {"--stats", &o.stats_file},          {"--store", &o.store_file},
         {"--control", &o.control_socket},

@@ -47,13 +47,12 @@ void ArmReset(int fd) {
 
 Server::Server(ServerOptions options, SharedStore &store, Stats &stats, PublishedFile *stats_file,
                PublishedFile *store_file)
-    : options_(std::move(options)),
-      stats_(stats),
-      stats_file_(stats_file),
-      table_(stats, options_.max_connections, options_.connection_timeout),
+    : options_(std::move(options)), stats_(stats), stats_file_(stats_file),
+      table_(stats, options_.max_connections, options_.connection_timeout,
+             [this] { PublishStats(); }),
       services_(store, stats, store_file),
-      router_(table_, services_, identity_),
-      context_{table_, router_, stats, identity_, options_.answer_unknown_connections},
+      router_(table_, services_, identity_), context_{table_, router_, stats, identity_,
+                                                      options_.answer_unknown_connections},
       udp_(identity_, stats) {}
 
 Server::~Server() { Stop(); }
@@ -73,7 +72,8 @@ bool Server::Start(std::string *error) {
     listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int one = 1;
     if (listen_fd_ >= 0) setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0 ||
+    if (listen_fd_ < 0 ||
+        bind(listen_fd_, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0 ||
         listen(listen_fd_, kListenBacklog) != 0) {
         *error = "cannot listen on " + options_.address + ":" + std::to_string(options_.port) +
                  ": " + std::strerror(errno);
@@ -105,8 +105,7 @@ void Server::AcceptLoop() {
         }
         if (fds[1].revents) {
             char drain[64];
-            while (read(wake_pipe_[0], drain, sizeof drain) > 0) {
-            }
+            while (read(wake_pipe_[0], drain, sizeof drain) > 0) {}
             ReapFinished(false);
         }
         if (stopping_) break;
@@ -133,8 +132,12 @@ void Server::AcceptLoop() {
     }
 }
 
+// Rendered under the lock, so that a thread that counted earlier cannot
+// overwrite the file with older counters after a later one wrote it.
 void Server::PublishStats() {
-    if (stats_file_) stats_file_->Write(stats_.Render());
+    if (!stats_file_) return;
+    std::lock_guard<std::mutex> lock(publish_mutex_);
+    stats_file_->Write(stats_.Render());
 }
 
 // One request: counted by kind, a fault picked for it, handled, the reply

@@ -28,9 +28,9 @@ namespace plc::sim {
 
 struct ServerOptions {
     std::string address = "127.0.0.1"; // IPv4 address to listen on
-    uint16_t port = kEncapPort;          // 0 picks a free port (tests)
-    size_t max_clients = 64;             // further clients are closed at once
-    size_t max_connections = 64;         // class-3 connections, all sessions together
+    uint16_t port = kEncapPort;        // 0 picks a free port (tests)
+    size_t max_clients = 64;           // further clients are closed at once
+    size_t max_connections = 64;       // class-3 connections, all sessions together
     // When not zero: no connection waits longer than this for a request
     // before it is closed (its own timeout is RPI x multiplier).
     std::chrono::milliseconds connection_timeout{0};
@@ -94,6 +94,7 @@ private:
     std::atomic<bool> stopping_{false};
     std::thread accept_thread_;
     std::mutex clients_mutex_;
+    std::mutex publish_mutex_;
     std::list<std::unique_ptr<Client>> clients_;
 };
 

@@ -84,8 +84,8 @@ ClientProtocol::Outcome ClientProtocol::RegisterSession(const Header &h,
 
 // Unconnected: null address item, unconnected data item with a message
 // router request.
-ClientProtocol::Outcome ClientProtocol::SendRRData(const Header &h, const std::vector<uint8_t> &body,
-                                                   bool refuse_open) {
+ClientProtocol::Outcome
+ClientProtocol::SendRRData(const Header &h, const std::vector<uint8_t> &body, bool refuse_open) {
     const auto cpf = ParseCpf(body);
     if (!cpf || !cpf->address.Is(Item::NullAddress) || !cpf->address.data.empty() ||
         !cpf->data.Is(Item::UnconnectedData) || cpf->data.data.empty())
@@ -131,9 +131,9 @@ ClientProtocol::Outcome ClientProtocol::SendUnitData(const Header &h,
         mr_reply = Execute(*c, sequence, request);
     } else {
         ++ctx_.stats.errors;
-        mr_reply = EncodeMrReply(wire::Reader(request).u8(),
-                                 CipReply::Error(general::kConnectionFailure,
-                                                 {extended::kConnectionNotFound}));
+        mr_reply = EncodeMrReply(
+            wire::Reader(request).u8(),
+            CipReply::Error(general::kConnectionFailure, {extended::kConnectionNotFound}));
     }
     wire::VecWriter address(kConnectionIdSize);
     address.u32(c ? c->terms.to_id : 0);

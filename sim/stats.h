@@ -28,9 +28,9 @@ struct Stats {
     std::atomic<uint64_t> read_items{0};
     std::atomic<uint64_t> write_requests{0};
     std::atomic<uint64_t> connected_requests{0};
-    std::atomic<uint64_t> dropped_requests{0};      // connected, naming no open connection
+    std::atomic<uint64_t> dropped_requests{0}; // connected, naming no open connection
     std::atomic<uint64_t> connections_timed_out{0};
-    std::atomic<uint64_t> discovery_requests{0};    // ListIdentity/Services/Interfaces, TCP or UDP
+    std::atomic<uint64_t> discovery_requests{0}; // ListIdentity/Services/Interfaces, TCP or UDP
     std::atomic<uint64_t> faults_applied{0};
     std::atomic<uint64_t> restarts{0};
     std::atomic<uint64_t> errors{0};

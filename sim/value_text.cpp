@@ -59,7 +59,8 @@ std::optional<IntText> ParseIntText(std::string_view s) {
             digit = unsigned(c - 'A' + 10);
         else
             return std::nullopt;
-        if (r.magnitude > (std::numeric_limits<uint64_t>::max() - digit) / base) return std::nullopt;
+        if (r.magnitude > (std::numeric_limits<uint64_t>::max() - digit) / base)
+            return std::nullopt;
         r.magnitude = r.magnitude * base + digit;
     }
     return r;

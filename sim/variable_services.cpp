@@ -185,7 +185,8 @@ CipReply VariableServices::Read(uint32_t token, const std::vector<uint8_t> &data
     std::lock_guard<std::mutex> lock(shared_.mutex);
     const VariableStore &store = shared_.store;
     for (const Item &item : items) {
-        if (!CheckHandle(store, item.handle, token)) return Refuse(general::kPathDestinationUnknown);
+        if (!CheckHandle(store, item.handle, token))
+            return Refuse(general::kPathDestinationUnknown);
         if (!store.ReadBits(item.handle.index, item.start, item.length, bytes))
             return Refuse(general::kInvalidParameter);
         out.pad_even();

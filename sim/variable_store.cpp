@@ -93,8 +93,8 @@ std::optional<std::vector<int64_t>> ParseSubscript(std::string_view text) {
     size_t pos = 0;
     while (true) {
         const size_t comma = text.find(',', pos);
-        const std::string_view part =
-            text.substr(pos, comma == std::string_view::npos ? std::string_view::npos : comma - pos);
+        const std::string_view part = text.substr(
+            pos, comma == std::string_view::npos ? std::string_view::npos : comma - pos);
         const auto n = ParseIntText(part);
         if (!n || n->hex || n->magnitude > uint64_t(std::numeric_limits<int32_t>::max()))
             return std::nullopt;
@@ -128,7 +128,7 @@ bool VariableStore::Declare(const std::string &name, const TypeInfo &type, std::
     var.name = name;
     var.type = &type;
     if (type.kind == ValueKind::Text) var.str_len = str_len;
-    var.element_bits = type.kind == ValueKind::Bool  ? 1
+    var.element_bits = type.kind == ValueKind::Bool   ? 1
                        : type.kind == ValueKind::Text ? (var.str_len + 1) * 8
                                                       : type.bytes * 8;
     // count stays below 2^27 between dimensions and a dimension below 2^33, so
@@ -137,7 +137,8 @@ bool VariableStore::Declare(const std::string &name, const TypeInfo &type, std::
     uint64_t count = 1;
     for (const Dim &d : dims) {
         if (d.hi < d.lo) {
-            *error = "bounds " + std::to_string(d.lo) + ".." + std::to_string(d.hi) + " are inverted";
+            *error =
+                "bounds " + std::to_string(d.lo) + ".." + std::to_string(d.hi) + " are inverted";
             return false;
         }
         count *= d.size();

@@ -63,7 +63,8 @@ TEST_F(SimFaults, WhatAClientReceives) {
     };
     const Case cases[] = {
         {"any:no-reply,times=1", next_is_list_services},
-        {"register:no-reply", [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c).size(), 4 + kGetAllData); }},
+        {"register:no-reply",
+         [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c).size(), 4 + kGetAllData); }},
         {"any:delay=20", [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c).size(), 4 + kGetAllData); }},
         {"any:close", [](Client &c, uint32_t) { EXPECT_FALSE(c.Receive()); }},
         {"any:reset", [](Client &c, uint32_t) { EXPECT_FALSE(c.Receive()); }},
@@ -88,10 +89,17 @@ TEST_F(SimFaults, WhatAClientReceives) {
         {"any:session", [](Client &c, uint32_t s) { EXPECT_EQ(c.Receive()->session, s + 1); }},
         {"any:service", [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c)[0], 0x80); }},
         {"any:status=0x1E:0x0001:0x0203",
-         [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c), (Bytes{0x81, 0, 0x1E, 2, 1, 0, 3, 2})); }},
-        {"any:status=0x0C", [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c), (Bytes{0x81, 0, 0x0C, 0})); }},
-        {"any:fewer-bytes=3", [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c).size(), 4 + kGetAllData - 3); }},
-        {"any:more-bytes=2", [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c).size(), 4 + kGetAllData + 2); }},
+         [&](Client &c, uint32_t) {
+             EXPECT_EQ(mr_of(c), (Bytes{0x81, 0, 0x1E, 2, 1, 0, 3, 2}));
+         }},
+        {"any:status=0x0C",
+         [&](Client &c, uint32_t) {
+             EXPECT_EQ(mr_of(c), (Bytes{0x81, 0, 0x0C, 0}));
+         }},
+        {"any:fewer-bytes=3",
+         [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c).size(), 4 + kGetAllData - 3); }},
+        {"any:more-bytes=2",
+         [&](Client &c, uint32_t) { EXPECT_EQ(mr_of(c).size(), 4 + kGetAllData + 2); }},
         {"any:garbage=10", [](Client &c, uint32_t) { EXPECT_TRUE(c.Raw(10)); }},
         {"any:huge=100000",
          [](Client &c, uint32_t) {
@@ -121,7 +129,8 @@ TEST_F(SimFaults, ConnectedFieldsRefusalAndRestart) {
     Client c(server_->port());
     c.Register();
     Set("forward-open:refuse,times=1");
-    EXPECT_EQ(Status(c.RR(ForwardOpen(OpenParams{}))), std::make_pair(uint8_t(0x01), uint16_t(0x0113)));
+    EXPECT_EQ(Status(c.RR(ForwardOpen(OpenParams{}))),
+              std::make_pair(uint8_t(0x01), uint16_t(0x0113)));
     const uint32_t ot_id = c.Open();
     Set("connected:sequence,times=1");
     Set("resolve:connection-id");
@@ -148,15 +157,23 @@ TEST(SimFaultSpec, ParsesConditionsAndRefusesWhatItCannotDo) {
         bool ok;
     };
     const Case cases[] = {
-        {"read:no-reply", true},           {"write:delay", true},
-        {"any:length=+16", true},          {"any:length=-4", true},
-        {"connected:status=0x01:0x0107", true}, {"forward-open:refuse", true},
+        {"read:no-reply", true},
+        {"write:delay", true},
+        {"any:length=+16", true},
+        {"any:length=-4", true},
+        {"connected:status=0x01:0x0107", true},
+        {"forward-open:refuse", true},
         {"read:garbage=0x40,after=3,times=2,p=0.5,seed=9", true},
-        {"read", false},                   {"reads:no-reply", false},
-        {"read:explode", false},           {"read:length", false},
-        {"read:status=0", false},          {"read:no-reply=3", false},
-        {"read:refuse", false},            {"read:no-reply,p=1.5", false},
-        {"read:no-reply,after=-1", false}, {"read:no-reply,when=3", false},
+        {"read", false},
+        {"reads:no-reply", false},
+        {"read:explode", false},
+        {"read:length", false},
+        {"read:status=0", false},
+        {"read:no-reply=3", false},
+        {"read:refuse", false},
+        {"read:no-reply,p=1.5", false},
+        {"read:no-reply,after=-1", false},
+        {"read:no-reply,when=3", false},
     };
     for (const Case &k : cases) {
         std::string error;
@@ -194,9 +211,8 @@ TEST(SimFaultBook, CountsMessagesOfItsKindFromWhenItIsSet) {
 
 TEST_F(SimFaults, ControlChannelSetsListsAndClearsFaults) {
     const std::string path = ::testing::TempDir() + "sim_control.sock";
-    ControlChannel control(path, [&](const std::string &line) {
-        return RunControlCommand(*server_, stats_, line);
-    });
+    ControlChannel control(
+        path, [&](const std::string &line) { return RunControlCommand(*server_, stats_, line); });
     std::string error;
     ASSERT_TRUE(control.Start(&error)) << error;
     namespace ctl = plc::sim::control;

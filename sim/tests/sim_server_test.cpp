@@ -122,18 +122,19 @@ TEST_F(SimServer, DiscoveryAndIdentityAnswerWithoutAConnection) {
     ASSERT_TRUE(r);
     const Bytes identity = r->body;
     plc::wire::Reader id(identity);
-    EXPECT_EQ(id.u16(), 1u);      // one item
-    EXPECT_EQ(id.u16(), 0x0Cu);   // CIP identity
+    EXPECT_EQ(id.u16(), 1u);    // one item
+    EXPECT_EQ(id.u16(), 0x0Cu); // CIP identity
     const uint16_t length = id.u16();
     EXPECT_EQ(length, id.remaining());
-    EXPECT_EQ(id.u16(), 1u);      // encapsulation version
+    EXPECT_EQ(id.u16(), 1u); // encapsulation version
     // The socket address in network order: family 2, the port, 127.0.0.1.
     EXPECT_EQ(Bytes(id.here(), id.here() + 8),
               (Bytes{0, 2, uint8_t(port_ >> 8), uint8_t(port_), 127, 0, 0, 1}));
     r = c.Exchange(kListServices, 0, {});
     ASSERT_TRUE(r);
     EXPECT_EQ(r->body.size(), 26u);
-    EXPECT_EQ(Bytes(r->body.begin(), r->body.begin() + 10), (Bytes{1, 0, 0, 1, 20, 0, 1, 0, 0x20, 0}));
+    EXPECT_EQ(Bytes(r->body.begin(), r->body.begin() + 10),
+              (Bytes{1, 0, 0, 1, 20, 0, 1, 0, 0x20, 0}));
     r = c.Exchange(kListInterfaces, 0, {});
     ASSERT_TRUE(r);
     EXPECT_EQ(r->body, (Bytes{0, 0}));
@@ -158,13 +159,16 @@ TEST_F(SimServer, DiscoveryAndIdentityAnswerWithoutAConnection) {
         {Mr(0x01, {0x91, 0x02, 'A', 'B'}), 0x04, {}},
         {Mr(0x55, kVariablePath), 0x08, {}}, // variables need a connection
         // Unconnected_Send routed to slot 2 of the backplane: not us.
-        {Mr(0x52, kCmPath, {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x02}),
-         0x01, {0x12, 0x03, 1}},
+        {Mr(0x52, kCmPath,
+            {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x02}),
+         0x01,
+         {0x12, 0x03, 1}},
     };
     // Routed to this controller's own slot, the embedded request is answered
     // with its own service.
     const Bytes routed =
-        c.RR(Mr(0x52, kCmPath, {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x00}));
+        c.RR(Mr(0x52, kCmPath,
+                {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x00}));
     EXPECT_EQ(routed, (Bytes{0x8E, 0, 0, 0, 0x0E, 0x00}));
     for (const Case &k : cases) {
         const Bytes mr = c.RR(k.mr);
@@ -189,18 +193,33 @@ TEST_F(SimServer, ForwardOpensOfBothSizesAndAnyPathToTheRouter) {
         return p;
     };
     const Case cases[] = {
-        {with([](OpenParams &p) { p.path = {0x01, 0x00, 0x20, 0x02, 0x24, 0x02}; }), {0x01, 0x0315}},
-        {with([](OpenParams &p) { p.path = {0x02, 0x00, 0x20, 0x02, 0x24, 0x01}; }), {0x01, 0x0311}},
-        {with([](OpenParams &p) { p.path = {0x01, 0x03, 0x20, 0x02, 0x24, 0x01}; }), {0x01, 0x0312}},
+        {with([](OpenParams &p) { p.path = {0x01, 0x00, 0x20, 0x02, 0x24, 0x02}; }),
+         {0x01, 0x0315}},
+        {with([](OpenParams &p) { p.path = {0x02, 0x00, 0x20, 0x02, 0x24, 0x01}; }),
+         {0x01, 0x0311}},
+        {with([](OpenParams &p) { p.path = {0x01, 0x03, 0x20, 0x02, 0x24, 0x01}; }),
+         {0x01, 0x0312}},
         {with([](OpenParams &p) { p.transport = 0x01; }), {0x01, 0x0103}},
         {with([](OpenParams &p) { p.params = 0x00004302; }), {0x01, 0x0108}}, // null type
         {with([](OpenParams &p) { p.params = 0x43F80000; }), {0x01, 0x0109}}, // size 0
         {with([](OpenParams &p) { p.multiplier = 8; }), {0x01, 0x0205}},
-        {with([](OpenParams &p) { p.service = 0x54; p.params = 0x4200; }), {0x01, 0x0109}},
+        {with([](OpenParams &p) {
+             p.service = 0x54;
+             p.params = 0x4200;
+         }),
+         {0x01, 0x0109}},
         // Accepted, each closed again right away.
-        {with([](OpenParams &p) { p.path = {0x20, 0x02, 0x24, 0x01}; }), {0x00, 0}},
-        {with([](OpenParams &p) { p.path = {0x21, 0x00, 0x02, 0x00, 0x25, 0x00, 0x01, 0x00}; }), {0x00, 0}},
-        {with([](OpenParams &p) { p.service = 0x54; p.params = 0x43F4; }), {0x00, 0}},
+        {with([](OpenParams &p) {
+             p.path = {0x20, 0x02, 0x24, 0x01};
+         }),
+         {0x00, 0}},
+        {with([](OpenParams &p) { p.path = {0x21, 0x00, 0x02, 0x00, 0x25, 0x00, 0x01, 0x00}; }),
+         {0x00, 0}},
+        {with([](OpenParams &p) {
+             p.service = 0x54;
+             p.params = 0x43F4;
+         }),
+         {0x00, 0}},
     };
     for (const Case &k : cases) {
         SCOPED_TRACE(HexBytes(ForwardOpen(k.p)));
@@ -235,7 +254,8 @@ TEST_F(SimServer, ConnectionsEndWithTheirSessionAndForwardCloseFindsAnyTriple) {
     EXPECT_EQ(in.u16(), 0u);
     const Bytes duplicate = a->RR(ForwardOpen(OpenParams{}));
     EXPECT_EQ(Status(duplicate), std::make_pair(uint8_t(0x01), uint16_t(0x0100)));
-    EXPECT_EQ(Bytes(duplicate.begin() + 6, duplicate.begin() + 10), (Bytes{0x02, 0x01, 0x30, 0x00}));
+    EXPECT_EQ(Bytes(duplicate.begin() + 6, duplicate.begin() + 10),
+              (Bytes{0x02, 0x01, 0x30, 0x00}));
     a->Open(0x0200);
     Client b(port_);
     b.Register();
@@ -272,7 +292,9 @@ TEST_F(SimServer, ConnectedRequestsEchoTheSequenceAndReplayRetransmissions) {
     std::copy_n(resolved.begin() + 16, 10, handle.begin());
 
     const auto write = [&](uint16_t seq, uint8_t value) {
-        return c.Unit(ot_id, seq, Mr(0x56, kVariablePath, WriteRequest(token, 4, handle, 0, 32, {value, 0, 0, 0})));
+        return c.Unit(
+            ot_id, seq,
+            Mr(0x56, kVariablePath, WriteRequest(token, 4, handle, 0, 32, {value, 0, 0, 0})));
     };
     r = write(1, 1);
     ASSERT_TRUE(r);

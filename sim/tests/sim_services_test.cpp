@@ -151,8 +151,9 @@ TEST_F(SimServices, ResolveRefusesMalformedRequestsAndUnknownNames) {
 
     EXPECT_EQ(Call(0x55, 0x6D, ResolveRequest({"Counter"})).general, 0x08);
     const RequestPath wrong_instance{0x6D, 1, std::nullopt};
-    EXPECT_EQ(services_.Execute(kToken, {0x56, {}, ResolveRequest({"Counter"})}, wrong_instance).general,
-              0x05);
+    EXPECT_EQ(
+        services_.Execute(kToken, {0x56, {}, ResolveRequest({"Counter"})}, wrong_instance).general,
+        0x05);
 }
 
 TEST_F(SimServices, ReadReturnsBitsPaddedPerItem) {
@@ -173,14 +174,14 @@ TEST_F(SimServices, ReadReturnsBitsPaddedPerItem) {
                                                      {h[3], 8, 16},
                                                      {h[4], 96, 32}}));
     ASSERT_TRUE(reply.ok());
-    const Bytes expected = {6,    0,    0,    0,                   // item count
+    const Bytes expected = {6,    0,    0,    0,                            // item count
                             0,    0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, // a u16 each
-                            0x44, 0x33, 0x22, 0x11,                // Counter
-                            0x01, 0x00,                            // Flags[3]
-                            0x01, 0x00,                            // Flags bit 9
-                            0x02, 0x00,                            // Flags 8..15
-                            0xFE, 0x03,                            // Bytes[1..2]
-                            0x00, 0x00, 0x00, 0x00};               // Big[1] high half
+                            0x44, 0x33, 0x22, 0x11,                         // Counter
+                            0x01, 0x00,                                     // Flags[3]
+                            0x01, 0x00,                                     // Flags bit 9
+                            0x02, 0x00,                                     // Flags 8..15
+                            0xFE, 0x03,                                     // Bytes[1..2]
+                            0x00, 0x00, 0x00, 0x00};                        // Big[1] high half
     EXPECT_EQ(reply.data, expected);
     EXPECT_EQ(stats_.read_items, 6u);
 
@@ -270,13 +271,13 @@ TEST_F(SimServices, WriteSetsBitsAndWordsAndRefusalsChangeNothing) {
     EXPECT_NE(Store().find("Bytes SINT 9 8 7\n"), std::string::npos);
 
     const std::string before = Store();
-    EXPECT_EQ(write(WriteRequest(kToken, 5, h[1], 0, 32, {1, 2, 3, 4})), 0x20);     // L
-    EXPECT_EQ(write(WriteRequest(kToken, 3, h[3], 0, 24, {1, 2, 3})), 0x13);        // no pad
+    EXPECT_EQ(write(WriteRequest(kToken, 5, h[1], 0, 32, {1, 2, 3, 4})), 0x20); // L
+    EXPECT_EQ(write(WriteRequest(kToken, 3, h[3], 0, 24, {1, 2, 3})), 0x13);    // no pad
     EXPECT_EQ(write(WriteRequest(kToken, 4, h[1], 0, 32, {1, 2, 3, 4, 5, 6})), 0x15);
-    EXPECT_EQ(write(WriteRequest(kToken, 1, h[3], 3, 8, {1, 0})), 0x20);            // unaligned
-    EXPECT_EQ(write(WriteRequest(kToken, 4, h[1], 8, 32, {1, 2, 3, 4})), 0x20);     // past end
-    EXPECT_EQ(write(WriteRequest(kToken, 2, bool_handle, 16, 1, {1, 0})), 0x20);    // past end
-    EXPECT_EQ(write(WriteRequest(kToken, 0, h[1], 0, 0, {})), 0x20);                // empty
+    EXPECT_EQ(write(WriteRequest(kToken, 1, h[3], 3, 8, {1, 0})), 0x20);         // unaligned
+    EXPECT_EQ(write(WriteRequest(kToken, 4, h[1], 8, 32, {1, 2, 3, 4})), 0x20);  // past end
+    EXPECT_EQ(write(WriteRequest(kToken, 2, bool_handle, 16, 1, {1, 0})), 0x20); // past end
+    EXPECT_EQ(write(WriteRequest(kToken, 0, h[1], 0, 0, {})), 0x20);             // empty
     EXPECT_EQ(write(WriteRequest(kOtherToken, 4, h[1], 0, 32, {1, 2, 3, 4})), 0x05);
     Handle foreign = h[1];
     foreign[2] ^= 1;

@@ -14,8 +14,8 @@ constexpr int kEither = -1; // the data that arrived is right: 0 or 2 are both s
 
 struct Case {
     const char *fault;
-    int status;       // of the read the fault hits
-    bool bring_up;    // the fault hits the reconnection after a controller restart
+    int status;    // of the read the fault hits
+    bool bring_up; // the fault hits the reconnection after a controller restart
 };
 
 class FaultyController : public DriverFixture {};
@@ -72,7 +72,8 @@ TEST_F(FaultyController, OneBadReplyCostsAtMostTheReadsItHits) {
         // A flood after a reply, or a bad session handle, costs one more read;
         // a third allows for a reconnection that a loaded machine delays.
         ReadOutcome next = ReadSingle(kCounter, 0, 1, 4);
-        for (int retry = 0; retry < 2 && next.status != 0; ++retry) next = ReadSingle(kCounter, 0, 1, 4);
+        for (int retry = 0; retry < 2 && next.status != 0; ++retry)
+            next = ReadSingle(kCounter, 0, 1, 4);
         EXPECT_EQ(next.status, 0);
         EXPECT_EQ(next.bytes, Le32(1234));
         ASSERT_TRUE(sim.ClearFaults());
