@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "eip/wire.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 

@@ -1,6 +1,6 @@
 #include "sim/connection_manager.h"
 
-#include "eip/wire.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 

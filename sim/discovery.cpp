@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "eip/wire.h"
 #include "sim/log.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 

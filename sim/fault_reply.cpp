@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <functional>
 
-#include "eip/wire.h"
 #include "sim/encap.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 

@@ -1,6 +1,6 @@
 #include "sim/identity.h"
 
-#include "eip/wire.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 

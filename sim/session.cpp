@@ -1,9 +1,9 @@
 #include "sim/session.h"
 
-#include "eip/wire.h"
 #include "sim/discovery.h"
 #include "sim/log.h"
 #include "sim/trace.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "eip/wire.h"
 #include "sim/cip.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 

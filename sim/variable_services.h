@@ -7,10 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "eip/wire.h"
 #include "sim/cip.h"
 #include "sim/stats.h"
 #include "sim/variable_store.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 
