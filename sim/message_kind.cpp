@@ -51,8 +51,6 @@ Kinds Classify(const Header &header, const std::vector<uint8_t> &body) {
     return kinds;
 }
 
-const char *KindName(Kind kind) { return kNames[size_t(kind)]; }
-
 std::optional<Kind> ParseKind(std::string_view name) {
     for (size_t k = 0; k < kKindCount; ++k) {
         if (name == kNames[k]) return Kind(k);

@@ -40,8 +40,7 @@ private:
 
 Kinds Classify(const Header &header, const std::vector<uint8_t> &body);
 
-// "register", "forward-open", ... "any"; and back.
-const char *KindName(Kind kind);
+// The kind named "register", "forward-open", ... "any".
 std::optional<Kind> ParseKind(std::string_view name);
 
 // Adds one to the counter of every counted kind in `kinds`.
