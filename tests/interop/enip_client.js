@@ -1,5 +1,5 @@
-// An independent EtherNet/IP client against plc-sim: discovery over UDP and
-// TCP, then a session, a Forward_Open, the Identity object over the
+// An independent EtherNet/IP client against plc-sim: discovery by broadcast,
+// over UDP and TCP, then a session, a Forward_Open, the Identity object over the
 // connection and a Forward_Close, then the Identity object through
 // Unconnected_Send, all as the client library builds and parses them. Exits 0
 // when every answer made sense to it.
@@ -50,7 +50,21 @@ function tcpList(command) {
     });
 }
 
+// The library's own discovery: ListIdentity broadcast to 255.255.255.255.
+function browse() {
+    return new Promise((resolve) => {
+        const browser = new Browser(51687, "0.0.0.0", true, 200);
+        browser.on("New Device", (device) => {
+            browser.stop();
+            browser.socket.close();
+            resolve(device);
+        });
+    });
+}
+
 async function main() {
+    const found = await browse();
+    check(found.productName === kProductName, "a broadcast ListIdentity finds the simulator");
     const identity = await udpListIdentity();
     check(identity.productName === kProductName, "UDP ListIdentity names the product");
     check(identity.socketAddress.sin_port === port, "ListIdentity reports the encapsulation port");

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Checks plc-sim against an EtherNet/IP client written by others for other
 # controllers (the npm package st-ethernet-ip) and against Wireshark's
-# dissectors: in a private network namespace it captures the loopback, lets
-# enip_client.js discover the simulator over UDP and TCP, register a session,
+# dissectors: in a private network namespace it captures the loopback and an
+# eth0, lets enip_client.js discover the simulator by a UDP broadcast, over
+# UDP and TCP, register a session,
 # open a connection with Forward_Open, read the Identity object over it and
 # close it, and then decodes the capture with tshark (decode_checks.sh of the
 # wire check): the client must be content with every answer, and no request
@@ -55,10 +56,17 @@ if [[ -z "${PLC_INTEROP_IN_NETNS:-}" ]]; then
 fi
 
 # ------------------------------------------------------------------ inside
-pcap=$outdir/interop.pcap
+pcap=$outdir/interop.pcapng
 cd "$outdir"
 rm -f "$pcap" dumpcap.err sim.out client.out
+# An eth0 (one end of a veth pair, both ends in this namespace) with a
+# route for the limited broadcast, where the client's discovery goes.
 ip link set lo up
+ip link add eth0 type veth peer name eth0-peer
+ip addr add 10.233.0.5/24 brd + dev eth0
+ip link set eth0 up
+ip link set eth0-peer up
+ip route add 255.255.255.255/32 dev eth0
 
 pids=()
 cleanup() {
@@ -70,16 +78,16 @@ cleanup() {
 }
 trap cleanup EXIT
 
-dumpcap -i lo -P -f "port $port" -w "$pcap" -q 2>dumpcap.err &
+dumpcap -i lo -i eth0 -f "port $port" -w "$pcap" -q 2>dumpcap.err &
 dumpcap_pid=$!
 pids+=("$dumpcap_pid")
 wait_until "the capture to start" grep -qs "Capturing on" dumpcap.err
 
-"$sim" --address 127.0.0.1 --port "$port" >sim.out 2>&1 &
+"$sim" --address 0.0.0.0 --port "$port" >sim.out 2>&1 &
 sim_pid=$!
 pids+=("$sim_pid")
 listening() { ss -Hltn "sport = :$port" | grep -q LISTEN; }
-wait_until "the simulator to listen on 127.0.0.1:$port" listening
+wait_until "the simulator to listen on port $port" listening
 
 echo "--- client"
 client_rc=0
@@ -110,6 +118,8 @@ for command in 0x0004 0x0063 0x0064 0x0065 0x006f 0x0070; do
 done
 [[ -n "$(ts -Y "udp.srcport == $port && enip.command == 0x0063" -T fields -e frame.number)" ]] ||
     problem "no ListIdentity reply over UDP"
+[[ -n "$(ts -Y "ip.dst == 255.255.255.255 && enip.command == 0x0063" -T fields -e frame.number)" ]] ||
+    problem "no broadcast ListIdentity"
 [[ -n "$(ts -Y "tcp.srcport == $port && cip.cm.sc == 0x54 && cip.genstat == 0" -T fields \
     -e frame.number)" ]] || problem "no successful Forward_Open reply"
 finish_decode
