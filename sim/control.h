@@ -3,9 +3,9 @@
 // controller. One command line per connection; the answer is "ok" or
 // "error: why" on its first line, then what the command returns, then EOF.
 //
-//   fault SPEC     add a fault (syntax in faults.h)
+//   fault FAULT    add a fault (syntax in faults.h)
 //   clear [KIND]   remove every fault, or those of one message kind
-//   faults         the faults in force: SPEC seen=N applied=N, one a line
+//   faults         the faults in force: FAULT seen=N applied=N, one a line
 //   stats          the counters, as the --stats file has them
 //   restart        forget every session, connection and handle now
 #pragma once

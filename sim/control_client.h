@@ -43,8 +43,8 @@ inline bool Succeeded(const std::optional<std::string> &answer) {
 }
 
 // Adds a fault, e.g. "read:no-reply,after=2,times=1".
-inline bool SetFault(const std::string &socket_path, const std::string &spec) {
-    return Succeeded(Send(socket_path, "fault " + spec));
+inline bool SetFault(const std::string &socket_path, const std::string &fault) {
+    return Succeeded(Send(socket_path, "fault " + fault));
 }
 
 // Removes every fault, or those of one message kind ("read", ...).

@@ -28,7 +28,7 @@ const char kUsage[] =
     "  --answer-unknown-connections\n"
     "                        answer a connected request naming no open connection with\n"
     "                        status 0x01/0x0107 instead of dropping it silently\n"
-    "  --fault SPEC          a fault from the start (repeatable; syntax below)\n"
+    "  --fault FAULT         a fault from the start (repeatable; syntax below)\n"
     "  --refuse-forward-open the same as --fault forward-open:refuse\n"
     "  --control PATH        control channel: a UNIX socket taking one command a connection\n"
     "  --verbose             trace every message received and sent\n"
@@ -61,7 +61,7 @@ const char kUsage[] =
     "  p=P,seed=S  apply with probability P, drawn from a generator seeded with S\n"
     "The first fault set that applies to a message wins.\n"
     "\n"
-    "Control commands (--control): fault SPEC | clear [KIND] | faults | stats | restart\n"
+    "Control commands (--control): fault FAULT | clear [KIND] | faults | stats | restart\n"
     "Answer: 'ok' or 'error: why' on the first line, then the command's output.\n";
 
 bool ParseNumber(const std::string &text, unsigned long max, unsigned long *out) {

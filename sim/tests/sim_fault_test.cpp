@@ -26,9 +26,9 @@ protected:
         ASSERT_TRUE(server_->Start(&error)) << error;
     }
     void TearDown() override { server_->Stop(); }
-    void Set(const std::string &spec) {
+    void Set(const std::string &text) {
         std::string error;
-        const auto fault = ParseFault(spec, &error);
+        const auto fault = ParseFault(text, &error);
         ASSERT_TRUE(fault) << error;
         server_->faults().Add(*fault);
     }
@@ -151,7 +151,7 @@ TEST_F(SimFaults, ConnectedFieldsRefusalAndRestart) {
     EXPECT_EQ(stats_.connections_open, 0u);
 }
 
-TEST(SimFaultSpec, ParsesConditionsAndRefusesWhatItCannotDo) {
+TEST(SimFaultSyntax, ParsesConditionsAndRefusesWhatItCannotDo) {
     struct Case {
         const char *text;
         bool ok;

@@ -258,8 +258,8 @@ std::string Sim::Output() const {
     return all + read_file(dir_.file("sim.err")).value_or("");
 }
 
-bool Sim::SetFault(const std::string &spec) const {
-    return sim::control::SetFault(dir_.file("control.sock"), spec);
+bool Sim::SetFault(const std::string &fault) const {
+    return sim::control::SetFault(dir_.file("control.sock"), fault);
 }
 
 bool Sim::ClearFaults() const { return sim::control::ClearFaults(dir_.file("control.sock")); }

@@ -80,7 +80,7 @@ public:
     std::string Output() const;  // what the simulator printed
 
     // Sets or clears faults through the control channel (see plc-sim --help).
-    bool SetFault(const std::string &spec) const;
+    bool SetFault(const std::string &fault) const;
     bool ClearFaults() const;
 
 private:
