@@ -1,6 +1,6 @@
-// Message-router framing shared by the simulated controller's services: the
+// Message-router framing shared by the simulated controller's objects: the
 // request (service, path, data), the reply (service | 0x80, general status,
-// additional status, data) and the logical class/instance paths.
+// additional status, data), request paths and connection paths.
 #pragma once
 
 #include <cstddef>
@@ -9,33 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "sim/codes.h"
+
 namespace plc::sim {
-
-// General status codes this controller answers with.
-namespace general {
-constexpr uint8_t kSuccess = 0x00;
-constexpr uint8_t kConnectionFailure = 0x01;
-constexpr uint8_t kPathSegmentError = 0x04;
-constexpr uint8_t kPathDestinationUnknown = 0x05;
-constexpr uint8_t kServiceNotSupported = 0x08;
-constexpr uint8_t kReplyDataTooLarge = 0x11;
-constexpr uint8_t kNotEnoughData = 0x13;
-constexpr uint8_t kTooMuchData = 0x15;
-constexpr uint8_t kInvalidParameter = 0x20;
-} // namespace general
-
-// Extended status words that accompany general status 0x01 from the
-// connection manager.
-namespace extended {
-constexpr uint16_t kConnectionInUse = 0x0100;
-constexpr uint16_t kTransportNotSupported = 0x0103;
-constexpr uint16_t kConnectionNotFound = 0x0107;
-constexpr uint16_t kInvalidConnectionParameter = 0x0108;
-constexpr uint16_t kInvalidConnectionSize = 0x0109;
-constexpr uint16_t kOutOfConnections = 0x0113;
-constexpr uint16_t kParameterError = 0x0205;
-constexpr uint16_t kInvalidConnectionPath = 0x0315;
-} // namespace extended
 
 struct MrRequest {
     uint8_t service = 0;
@@ -46,8 +22,11 @@ struct MrRequest {
 // Splits a message-router request; none when the announced path does not fit.
 std::optional<MrRequest> ParseMrRequest(const uint8_t *bytes, size_t size);
 
-// What a service answers; the reply service code is added when it is encoded.
+// What a service answers; the reply service code is added when it is encoded:
+// the request's, unless `service` names another (a routed request answers
+// with the service it carried).
 struct CipReply {
+    std::optional<uint8_t> service;
     uint8_t general = general::kSuccess;
     std::vector<uint16_t> additional;
     std::vector<uint8_t> data;
@@ -58,6 +37,11 @@ struct CipReply {
         r.additional = std::move(additional_status);
         return r;
     }
+    static CipReply Data(std::vector<uint8_t> bytes) {
+        CipReply r;
+        r.data = std::move(bytes);
+        return r;
+    }
     bool ok() const { return general == general::kSuccess; }
 };
 
@@ -65,14 +49,25 @@ struct CipReply {
 // additional words, then the response data.
 std::vector<uint8_t> EncodeMrReply(uint8_t request_service, const CipReply &reply);
 
-struct ClassInstance {
+// A request path: an 8- or 16-bit class segment, an 8- or 16-bit instance
+// segment and, for attribute services, an 8- or 16-bit attribute segment.
+struct RequestPath {
     uint16_t class_id = 0;
     uint16_t instance = 0;
+    std::optional<uint16_t> attribute;
 };
 
-// An 8- or 16-bit class segment followed by an 8- or 16-bit instance segment,
-// nothing else; none for any other path.
-std::optional<ClassInstance> ParseClassInstancePath(const std::vector<uint8_t> &path);
+// None for a path that is not made of those segments in that order.
+std::optional<RequestPath> ParseRequestPath(const std::vector<uint8_t> &path);
+
+// A connection path as a Forward_Open carries it: optionally the port segment
+// of the backplane slot this controller sits in (port 1, link address 0),
+// then the message router (class 2, instance 1). 0 when the path reaches the
+// message router, else the connection manager's extended status.
+uint16_t CheckRouterPath(const std::vector<uint8_t> &path);
+// A route path of Unconnected_Send: exactly the port segment of this
+// controller's slot. 0, or the extended status of the routing error.
+uint16_t CheckOwnSlotRoute(const std::vector<uint8_t> &route);
 
 // "20 06 24 01" style text of at most `max` bytes ("..." when there are more).
 std::string HexBytes(const uint8_t *bytes, size_t size, size_t max = 24);

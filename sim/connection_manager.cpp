@@ -1,21 +1,22 @@
 #include "sim/connection_manager.h"
 
-#include <algorithm>
-#include <array>
-
-#include "util/wire.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
 
 namespace {
 
-// Port 1, link 0, then the message router (class 2, instance 1): the only
-// connection path this controller accepts.
-constexpr std::array<uint8_t, 6> kRouterPath = {0x01, 0x00, 0x20, 0x02, 0x24, 0x01};
-
-// Network connection parameters of the Large_Forward_Open: bits 29-30 the
-// connection type (2 = point-to-point), bits 0-15 the connection size. Other
-// bits (owner, priority, fixed/variable, reserved) are accepted as sent.
+// Network connection parameters. Large_Forward_Open: 32 bits, connection
+// type in bits 29-30, size in bits 0-15. Forward_Open: 16 bits, type in bits
+// 13-14, size in bits 0-8. Owner, priority and fixed/variable are accepted as
+// sent.
+struct ParamLayout {
+    unsigned type_shift;
+    uint32_t size_mask;
+};
+constexpr ParamLayout kLargeParams = {29, 0xFFFF};
+constexpr ParamLayout kSmallParams = {13, 0x01FF};
+constexpr uint32_t kTypeMask = 3;
 constexpr uint32_t kPointToPoint = 2;
 // A connected request needs at least its sequence count and a message-router
 // header. Message sizes are not held against the connection size: the
@@ -26,15 +27,10 @@ constexpr uint8_t kTransportClassMask = 0x0F;
 constexpr uint8_t kTransportClass3 = 0x03;
 constexpr uint8_t kTransportServer = 0x80;
 constexpr uint8_t kMaxTimeoutMultiplier = 7;
+constexpr uint16_t kConnectionManagerInstance = 1;
 
-constexpr size_t kForwardOpenFixed = 40;
-constexpr size_t kForwardCloseFixed = 12;
-
-struct Triple {
-    uint16_t serial = 0;
-    uint16_t vendor = 0;
-    uint32_t orig_serial = 0;
-};
+constexpr size_t kReservedAfterMultiplier = 3;
+constexpr size_t kForwardOpenReplySize = 26;
 
 // Success data of Forward_Close, and the data of every connection manager
 // refusal: the triple, remaining path size 0 and a reserved byte.
@@ -50,7 +46,15 @@ CipReply Refuse(const Triple &t, uint16_t extended_status) {
     return reply;
 }
 
-// Reads the connection path that ends both requests; a status on failure.
+Triple ReadTriple(wire::Reader &in) {
+    Triple t;
+    t.serial = in.u16();
+    t.vendor = in.u16();
+    t.orig_serial = in.u32();
+    return t;
+}
+
+// The connection path that ends both requests fills the rest exactly.
 uint8_t ReadPath(wire::Reader &in, uint8_t words, std::vector<uint8_t> &path) {
     const size_t bytes = size_t(words) * 2;
     if (!in.ok() || in.remaining() < bytes) return general::kNotEnoughData;
@@ -59,211 +63,98 @@ uint8_t ReadPath(wire::Reader &in, uint8_t words, std::vector<uint8_t> &path) {
     return general::kSuccess;
 }
 
-bool IsRouterPath(const std::vector<uint8_t> &path) {
-    return path.size() == kRouterPath.size() &&
-           std::equal(path.begin(), path.end(), kRouterPath.begin());
+struct OpenRequest {
+    ConnectionTerms terms;
+    uint32_t params[2] = {}; // O->T, T->O
+    uint8_t transport = 0;
+    std::vector<uint8_t> path;
+};
+
+// Priority/tick, time-out ticks, O->T id (the target chooses its own), T->O
+// id, the triple, timeout multiplier, 3 reserved, O->T RPI and parameters,
+// T->O RPI and parameters, transport, path size in words, path.
+uint8_t ParseOpen(const std::vector<uint8_t> &data, bool large, OpenRequest &r) {
+    wire::Reader in(data);
+    in.skip(2 + 4);
+    r.terms.to_id = in.u32();
+    r.terms.triple = ReadTriple(in);
+    r.terms.timeout_multiplier = in.u8();
+    in.skip(kReservedAfterMultiplier);
+    r.terms.ot_rpi = in.u32();
+    r.params[0] = large ? in.u32() : in.u16();
+    r.terms.to_rpi = in.u32();
+    r.params[1] = large ? in.u32() : in.u16();
+    r.transport = in.u8();
+    const uint8_t words = in.u8();
+    return ReadPath(in, words, r.path);
+}
+
+// The extended status that refuses these terms, or 0.
+uint16_t CheckTerms(const OpenRequest &r, const ParamLayout &layout) {
+    if (const uint16_t status = CheckRouterPath(r.path)) return status;
+    if ((r.transport & kTransportClassMask) != kTransportClass3 ||
+        !(r.transport & kTransportServer))
+        return extended::kTransportNotSupported;
+    for (const uint32_t params : r.params) {
+        if (((params >> layout.type_shift) & kTypeMask) != kPointToPoint)
+            return extended::kInvalidConnectionParameter;
+        if ((params & layout.size_mask) < kMinConnectionSize)
+            return extended::kInvalidConnectionSize;
+    }
+    if (r.terms.timeout_multiplier > kMaxTimeoutMultiplier) return extended::kParameterError;
+    return 0;
 }
 
 } // namespace
 
-ConnectionManager::ConnectionManager(Stats &stats, size_t max_connections,
-                                     bool refuse_forward_open)
-    : stats_(stats), max_connections_(max_connections),
-      refuse_forward_open_(refuse_forward_open), random_(std::random_device{}()) {}
-
-uint32_t ConnectionManager::RandomNonZero() {
-    uint32_t v;
-    do {
-        v = uint32_t(random_());
-    } while (v == 0);
-    return v;
-}
-
-void ConnectionManager::Publish() {
-    stats_.connections_open = connections_.size();
-    stats_.sessions_open = sessions_.size();
-}
-
-uint32_t ConnectionManager::RegisterSession() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    uint32_t handle;
-    do {
-        handle = RandomNonZero();
-    } while (sessions_.count(handle));
-    sessions_.insert(handle);
-    ++stats_.sessions_registered;
-    Publish();
-    return handle;
-}
-
-void ConnectionManager::UnregisterSession(uint32_t session) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    sessions_.erase(session);
-    for (auto it = connections_.begin(); it != connections_.end();) {
-        it = it->second.session == session ? connections_.erase(it) : std::next(it);
-    }
-    Publish();
-}
-
-void ConnectionManager::DropSession(uint32_t session) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    sessions_.erase(session);
-    for (auto &[id, entry] : connections_) {
-        if (entry.session == session) entry.session = 0;
-    }
-    Publish();
-}
-
-std::shared_ptr<Connection> ConnectionManager::Find(uint32_t session, uint32_t ot_id) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const auto it = connections_.find(ot_id);
-    if (session == 0 || it == connections_.end() || it->second.session != session) return nullptr;
-    return it->second.connection;
-}
-
-size_t ConnectionManager::open_connections() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return connections_.size();
-}
-
-bool ConnectionManager::EvictOrphan() {
-    auto oldest = connections_.end();
-    for (auto it = connections_.begin(); it != connections_.end(); ++it) {
-        if (it->second.session == 0 &&
-            (oldest == connections_.end() ||
-             it->second.connection->opened < oldest->second.connection->opened))
-            oldest = it;
-    }
-    if (oldest == connections_.end()) return false;
-    connections_.erase(oldest);
-    return true;
-}
-
-CipReply ConnectionManager::Execute(uint32_t session, const MrRequest &request) {
-    const auto path = ParseClassInstancePath(request.path);
-    if (!path) return CipReply::Error(general::kPathSegmentError);
-    if (path->class_id != kClassConnectionManager || path->instance != 1)
+CipReply ConnectionManager::Execute(uint32_t session, const MrRequest &request, bool refuse_open) {
+    const auto path = ParseRequestPath(request.path);
+    if (!path || path->attribute) return CipReply::Error(general::kPathSegmentError);
+    if (path->instance != kConnectionManagerInstance)
         return CipReply::Error(general::kPathDestinationUnknown);
     switch (request.service) {
-    case kServiceLargeForwardOpen: return ForwardOpen(session, request.data);
-    case kServiceForwardClose: return ForwardClose(request.data);
+    case service::kForwardOpen:
+    case service::kLargeForwardOpen: return ForwardOpen(session, request, refuse_open);
+    case service::kForwardClose: return ForwardClose(request.data);
     default: return CipReply::Error(general::kServiceNotSupported);
     }
 }
 
-// Request data (40 bytes + path): priority/tick, time-out ticks, O->T id, T->O
-// id, connection serial, vendor id, originator serial, timeout multiplier, 3
-// reserved, O->T RPI, O->T parameters, T->O RPI, T->O parameters, transport,
-// path size in words, path. Reply data (26 bytes): our O->T id, the client's
-// T->O id, the triple, the actual packet intervals (the requested RPIs),
-// application reply size 0, reserved 0.
-CipReply ConnectionManager::ForwardOpen(uint32_t session, const std::vector<uint8_t> &data) {
-    ++stats_.forward_open;
-    wire::Reader in(data);
-    in.u8(); // priority/time tick
-    in.u8(); // time-out ticks
-    in.u32(); // O->T id proposed by the client; the target chooses its own
-    const uint32_t to_id = in.u32();
-    Triple t;
-    t.serial = in.u16();
-    t.vendor = in.u16();
-    t.orig_serial = in.u32();
-    const uint8_t multiplier = in.u8();
-    in.skip(3);
-    const uint32_t ot_rpi = in.u32();
-    const uint32_t ot_params = in.u32();
-    const uint32_t to_rpi = in.u32();
-    const uint32_t to_params = in.u32();
-    const uint8_t transport = in.u8();
-    const uint8_t words = in.u8();
-    std::vector<uint8_t> path;
-    if (data.size() < kForwardOpenFixed) return CipReply::Error(general::kNotEnoughData);
-    if (const uint8_t status = ReadPath(in, words, path)) return CipReply::Error(status);
-
-    if (!IsRouterPath(path)) return Refuse(t, extended::kInvalidConnectionPath);
-    if ((transport & kTransportClassMask) != kTransportClass3 || !(transport & kTransportServer))
-        return Refuse(t, extended::kTransportNotSupported);
-    for (const uint32_t params : {ot_params, to_params}) {
-        if (((params >> 29) & 3u) != kPointToPoint)
-            return Refuse(t, extended::kInvalidConnectionParameter);
-        if ((params & 0xFFFFu) < kMinConnectionSize)
-            return Refuse(t, extended::kInvalidConnectionSize);
-    }
-    if (multiplier > kMaxTimeoutMultiplier) return Refuse(t, extended::kParameterError);
-    if (refuse_forward_open_) return Refuse(t, extended::kOutOfConnections);
-
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto &[id, entry] : connections_) {
-        const Connection &c = *entry.connection;
-        if (c.serial == t.serial && c.vendor == t.vendor && c.orig_serial == t.orig_serial)
-            return Refuse(t, extended::kConnectionInUse);
-    }
-    if (connections_.size() >= max_connections_ && !EvictOrphan())
-        return Refuse(t, extended::kOutOfConnections);
-
-    auto c = std::make_shared<Connection>();
-    do {
-        c->ot_id = RandomNonZero();
-    } while (connections_.count(c->ot_id));
-    // The token's low half goes into handles, so it must tell the open
-    // connections apart and never be 0.
-    bool clash;
-    do {
-        c->token = RandomNonZero();
-        clash = uint16_t(c->token) == 0;
-        for (const auto &[id, entry] : connections_)
-            clash = clash || uint16_t(entry.connection->token) == uint16_t(c->token);
-    } while (clash);
-    c->to_id = to_id;
-    c->serial = t.serial;
-    c->vendor = t.vendor;
-    c->orig_serial = t.orig_serial;
-    c->ot_rpi = ot_rpi;
-    c->to_rpi = to_rpi;
-    c->opened = ++opened_;
-    connections_[c->ot_id] = Entry{c, session};
-    Publish();
-
-    wire::VecWriter out(26);
-    out.u32(c->ot_id).u32(c->to_id).u16(t.serial).u16(t.vendor).u32(t.orig_serial);
-    out.u32(ot_rpi).u32(to_rpi).u8(0).u8(0);
-    CipReply reply;
-    reply.data = out.take();
-    return reply;
+// Reply data (26 bytes): our O->T id, the client's T->O id, the triple, the
+// actual packet intervals (the requested RPIs), application reply size 0,
+// reserved 0.
+CipReply ConnectionManager::ForwardOpen(uint32_t session, const MrRequest &request,
+                                        bool refuse_open) {
+    const bool large = request.service == service::kLargeForwardOpen;
+    OpenRequest r;
+    if (const uint8_t status = ParseOpen(request.data, large, r)) return CipReply::Error(status);
+    const Triple &t = r.terms.triple;
+    if (const uint16_t status = CheckTerms(r, large ? kLargeParams : kSmallParams))
+        return Refuse(t, status);
+    if (refuse_open) return Refuse(t, extended::kOutOfConnections);
+    uint16_t status = 0;
+    const auto c = table_.Open(session, r.terms, &status);
+    if (!c) return Refuse(t, status);
+    wire::VecWriter out(kForwardOpenReplySize);
+    out.u32(c->ot_id).u32(r.terms.to_id).u16(t.serial).u16(t.vendor).u32(t.orig_serial);
+    out.u32(r.terms.ot_rpi).u32(r.terms.to_rpi).u8(0).u8(0);
+    return CipReply::Data(out.take());
 }
 
-// Request data (12 bytes + path): priority/tick, time-out ticks, the triple,
-// path size in words, reserved, path. The connection with that triple is
-// closed whichever session opened it. Reply data: the triple, application
-// reply size 0, reserved 0.
+// Request data: priority/tick, time-out ticks, the triple, path size in
+// words, reserved, path. The connection with that triple is closed whichever
+// session opened it.
 CipReply ConnectionManager::ForwardClose(const std::vector<uint8_t> &data) {
-    ++stats_.forward_close;
     wire::Reader in(data);
-    in.u8();
-    in.u8();
-    Triple t;
-    t.serial = in.u16();
-    t.vendor = in.u16();
-    t.orig_serial = in.u32();
+    in.skip(2);
+    const Triple t = ReadTriple(in);
     const uint8_t words = in.u8();
     in.u8();
     std::vector<uint8_t> path;
-    if (data.size() < kForwardCloseFixed) return CipReply::Error(general::kNotEnoughData);
     if (const uint8_t status = ReadPath(in, words, path)) return CipReply::Error(status);
-    if (!IsRouterPath(path)) return Refuse(t, extended::kInvalidConnectionPath);
-
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto it = connections_.begin(); it != connections_.end(); ++it) {
-        const Connection &c = *it->second.connection;
-        if (c.serial == t.serial && c.vendor == t.vendor && c.orig_serial == t.orig_serial) {
-            connections_.erase(it);
-            Publish();
-            CipReply reply;
-            reply.data = TripleReplyData(t);
-            return reply;
-        }
-    }
-    return Refuse(t, extended::kConnectionNotFound);
+    if (const uint16_t status = CheckRouterPath(path)) return Refuse(t, status);
+    if (!table_.Close(t)) return Refuse(t, extended::kConnectionNotFound);
+    return CipReply::Data(TripleReplyData(t));
 }
 
 } // namespace plc::sim

@@ -31,8 +31,8 @@ std::optional<uint16_t> Pick(const VariableStore &store, const std::string &name
 
 LiveAnimation::LiveAnimation(SharedStore &shared, const LiveOptions &options) : shared_(shared) {
     std::lock_guard<std::mutex> lock(shared_.mutex);
-    counter_ = Pick(shared_.store, options.counter, {ValueKind::Signed, ValueKind::Unsigned},
-                    "counter");
+    counter_ =
+        Pick(shared_.store, options.counter, {ValueKind::Signed, ValueKind::Unsigned}, "counter");
     sine_ = Pick(shared_.store, options.sine, {ValueKind::Real}, "sine");
     toggle_ = Pick(shared_.store, options.toggle, {ValueKind::Bool}, "toggle");
 }
@@ -49,8 +49,8 @@ void LiveAnimation::Tick() {
         store.SetInteger(*counter_, 0, int64_t(now + 1));
     }
     if (sine_) {
-        const double phase = 2 * kPi * double(ticks_ % uint64_t(kSinePeriodTicks)) /
-                             kSinePeriodTicks;
+        const double phase =
+            2 * kPi * double(ticks_ % uint64_t(kSinePeriodTicks)) / kSinePeriodTicks;
         store.SetReal(*sine_, 0, kSineAmplitude * std::sin(phase));
     }
     if (toggle_ && ticks_ % kTicksPerToggle == 0)

@@ -1,9 +1,10 @@
-// The simulated controller's TCP side: the listener, one thread per client,
-// the encapsulation protocol (RegisterSession, UnRegisterSession, SendRRData,
-// SendUnitData) and the dispatch of the CIP requests they carry.
+// The simulated controller's network side: the TCP listener with one thread
+// per client, the UDP discovery responder, the connection watchdog, and the
+// faults applied to the requests the clients send.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -12,21 +13,28 @@
 #include <string>
 #include <thread>
 
-#include "sim/connection_manager.h"
+#include "sim/connections.h"
+#include "sim/delivery.h"
+#include "sim/discovery.h"
+#include "sim/faults.h"
+#include "sim/identity.h"
+#include "sim/message_router.h"
+#include "sim/session.h"
 #include "sim/stats.h"
 #include "sim/variable_services.h"
 #include "sim/variable_store.h"
 
 namespace plc::sim {
 
-constexpr uint16_t kEncapPort = 44818;
-
 struct ServerOptions {
     std::string address = "127.0.0.1"; // IPv4 address to listen on
-    uint16_t port = kEncapPort;          // 0 picks a free port (tests)
-    size_t max_clients = 64;             // further clients are closed at once
-    size_t max_connections = 64;         // class-3 connections, all sessions together
-    bool refuse_forward_open = false;    // answer every Large_Forward_Open with a refusal
+    uint16_t port = kEncapPort;        // 0 picks a free port (tests)
+    size_t max_clients = 64;           // further clients are closed at once
+    size_t max_connections = 64;       // class-3 connections, all sessions together
+    // When not zero: no connection waits longer than this for a request
+    // before it is closed (its own timeout is RPI x multiplier).
+    std::chrono::milliseconds connection_timeout{0};
+    bool answer_unknown_connections = false; // see SessionContext
 };
 
 class Server {
@@ -46,7 +54,12 @@ public:
     // Closes the listener and every client, joins all threads. Idempotent.
     void Stop();
 
-    ConnectionManager &connections() { return connections_; }
+    FaultBook &faults() { return faults_; }
+    // As a controller that restarts: every session, connection and handle is
+    // forgotten and every client's TCP connection closed (but `except_fd`,
+    // which its own thread closes once the others are).
+    void Restart(int except_fd = -1);
+    void PublishStats();
 
 private:
     struct Client {
@@ -58,15 +71,22 @@ private:
 
     void AcceptLoop();
     void Serve(Client &client);
+    AfterDelivery ServeOne(int fd, ClientProtocol &protocol, const Header &header,
+                           const std::vector<uint8_t> &body);
     void Wake();
     void ReapFinished(bool all);
 
     ServerOptions options_;
-    SharedStore &store_;
     Stats &stats_;
     PublishedFile *stats_file_;
-    ConnectionManager connections_;
+    Identity identity_;
+    ConnectionTable table_;
     VariableServices services_;
+    MessageRouter router_;
+    SessionContext context_;
+    FaultBook faults_;
+    StopSignal stop_;
+    UdpDiscovery udp_;
 
     int listen_fd_ = -1;
     int wake_pipe_[2] = {-1, -1};
@@ -74,6 +94,7 @@ private:
     std::atomic<bool> stopping_{false};
     std::thread accept_thread_;
     std::mutex clients_mutex_;
+    std::mutex publish_mutex_;
     std::list<std::unique_ptr<Client>> clients_;
 };
 

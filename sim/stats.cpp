@@ -10,6 +10,7 @@ namespace plc::sim {
 std::string Stats::Render() const {
     const std::pair<const char *, const std::atomic<uint64_t> *> rows[] = {
         {"messages", &messages},
+        {"register_requests", &register_requests},
         {"sessions_registered", &sessions_registered},
         {"sessions_open", &sessions_open},
         {"forward_open", &forward_open},
@@ -20,6 +21,12 @@ std::string Stats::Render() const {
         {"read_requests", &read_requests},
         {"read_items", &read_items},
         {"write_requests", &write_requests},
+        {"connected_requests", &connected_requests},
+        {"dropped_requests", &dropped_requests},
+        {"connections_timed_out", &connections_timed_out},
+        {"discovery_requests", &discovery_requests},
+        {"faults_applied", &faults_applied},
+        {"restarts", &restarts},
         {"errors", &errors},
         {"sequence_anomalies", &sequence_anomalies},
         {"retransmissions", &retransmissions},

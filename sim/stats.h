@@ -9,12 +9,14 @@
 
 namespace plc::sim {
 
-// Request counters count requests received (refused ones included); `errors`
-// counts every reply that carried a non-zero status plus every client that was
-// dropped for sending something unparseable. `connections_open` and
-// `sessions_open` are current values, the rest only grow.
+// Request counters count request messages received, by kind (see Kind),
+// refused, dropped and faulted ones included; `errors` counts every reply
+// that carried a non-zero status plus every client that was turned away.
+// `connections_open` and `sessions_open` are current values, the rest only
+// grow (a restart clears no counter).
 struct Stats {
     std::atomic<uint64_t> messages{0};
+    std::atomic<uint64_t> register_requests{0};
     std::atomic<uint64_t> sessions_registered{0};
     std::atomic<uint64_t> sessions_open{0};
     std::atomic<uint64_t> forward_open{0};
@@ -25,6 +27,12 @@ struct Stats {
     std::atomic<uint64_t> read_requests{0};
     std::atomic<uint64_t> read_items{0};
     std::atomic<uint64_t> write_requests{0};
+    std::atomic<uint64_t> connected_requests{0};
+    std::atomic<uint64_t> dropped_requests{0}; // connected, naming no open connection
+    std::atomic<uint64_t> connections_timed_out{0};
+    std::atomic<uint64_t> discovery_requests{0}; // ListIdentity/Services/Interfaces, TCP or UDP
+    std::atomic<uint64_t> faults_applied{0};
+    std::atomic<uint64_t> restarts{0};
     std::atomic<uint64_t> errors{0};
     std::atomic<uint64_t> sequence_anomalies{0};
     std::atomic<uint64_t> retransmissions{0};

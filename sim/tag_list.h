@@ -12,9 +12,9 @@
 namespace plc::sim {
 
 struct TagListSummary {
-    size_t declared = 0;   // new variables
-    size_t repeated = 0;   // lines naming an already declared variable with the same shape
-    size_t skipped = 0;    // lines that could not be taken (a warning each)
+    size_t declared = 0; // new variables
+    size_t repeated = 0; // lines naming an already declared variable with the same shape
+    size_t skipped = 0;  // lines that could not be taken (a warning each)
 };
 
 // Each line declares one variable: the name (field 1; fields 2, 3, ... are

@@ -63,20 +63,17 @@ VarHandle VarHandle::Decode(wire::Reader &in) {
     return h;
 }
 
-CipReply VariableServices::Execute(uint32_t token, const MrRequest &request, size_t max_reply) {
-    const auto path = ParseClassInstancePath(request.path);
-    if (!path) return Refuse(general::kPathSegmentError);
-    if (path->instance != 0) return Refuse(general::kPathDestinationUnknown);
-    if (path->class_id == kClassResolve) {
-        if (request.service == kServiceResolveOrWrite) return Resolve(token, request.data);
-        return Refuse(general::kServiceNotSupported);
-    }
-    if (path->class_id == kClassVariable) {
-        if (request.service == kServiceRead) return Read(token, request.data, max_reply);
-        if (request.service == kServiceResolveOrWrite) return Write(token, request.data);
-        return Refuse(general::kServiceNotSupported);
-    }
-    return Refuse(general::kPathDestinationUnknown);
+CipReply VariableServices::Execute(uint32_t token, const MrRequest &request,
+                                   const RequestPath &path, size_t max_reply) {
+    if (path.attribute) return Refuse(general::kPathSegmentError);
+    if (path.instance != 0) return Refuse(general::kPathDestinationUnknown);
+    if (path.class_id == cip_class::kResolve && request.service == service::kResolveOrWrite)
+        return Resolve(token, request.data);
+    if (path.class_id == cip_class::kVariable && request.service == service::kRead)
+        return Read(token, request.data, max_reply);
+    if (path.class_id == cip_class::kVariable && request.service == service::kResolveOrWrite)
+        return Write(token, request.data);
+    return Refuse(general::kServiceNotSupported);
 }
 
 // Request: u16 0, u16 0x3FFF, u32 0, u8 N (1..20), u8 0, then N items of
@@ -86,7 +83,6 @@ CipReply VariableServices::Execute(uint32_t token, const MrRequest &request, siz
 // bytes: handle, u16 type code, u16 element size in bytes, u32 element count
 // (1 for an element), 6 zero bytes. One unknown name refuses the request.
 CipReply VariableServices::Resolve(uint32_t token, const std::vector<uint8_t> &data) {
-    ++stats_.resolve_requests;
     wire::Reader in(data);
     const uint16_t zero = in.u16();
     const uint16_t field1 = in.u16();
@@ -152,7 +148,6 @@ CipReply VariableServices::Resolve(uint32_t token, const std::vector<uint8_t> &d
 // ceil(length / 8) value bytes padded with a zero byte to an even count.
 CipReply VariableServices::Read(uint32_t token, const std::vector<uint8_t> &data,
                                 size_t max_reply) {
-    ++stats_.read_requests;
     wire::Reader in(data);
     if (const uint8_t status = CheckPrefix(in, token)) return Refuse(status);
     const uint8_t count = in.u8();
@@ -190,7 +185,8 @@ CipReply VariableServices::Read(uint32_t token, const std::vector<uint8_t> &data
     std::lock_guard<std::mutex> lock(shared_.mutex);
     const VariableStore &store = shared_.store;
     for (const Item &item : items) {
-        if (!CheckHandle(store, item.handle, token)) return Refuse(general::kPathDestinationUnknown);
+        if (!CheckHandle(store, item.handle, token))
+            return Refuse(general::kPathDestinationUnknown);
         if (!store.ReadBits(item.handle.index, item.start, item.length, bytes))
             return Refuse(general::kInvalidParameter);
         out.pad_even();
@@ -211,7 +207,6 @@ CipReply VariableServices::Read(uint32_t token, const std::vector<uint8_t> &data
 // Other sizes must be whole bytes at a byte-aligned start (a 64-bit element may
 // be written one 32-bit half at a time). The reply has no data.
 CipReply VariableServices::Write(uint32_t token, const std::vector<uint8_t> &data) {
-    ++stats_.write_requests;
     wire::Reader in(data);
     if (const uint8_t status = CheckPrefix(in, token)) return Refuse(status);
     const uint8_t count = in.u8();

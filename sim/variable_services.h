@@ -7,17 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "util/wire.h"
 #include "sim/cip.h"
 #include "sim/stats.h"
 #include "sim/variable_store.h"
+#include "sim/wire.h"
 
 namespace plc::sim {
-
-constexpr uint8_t kServiceRead = 0x55;
-constexpr uint8_t kServiceResolveOrWrite = 0x56;
-constexpr uint16_t kClassResolve = 0x6D;
-constexpr uint16_t kClassVariable = 0xB8;
 
 // Largest message-router reply that fits in one SendUnitData message.
 constexpr size_t kMaxConnectedReply = 65513;
@@ -65,14 +60,15 @@ struct VarHandle {
 //         write);
 //   0x13 / 0x15  request data shorter / longer than its fields announce;
 //   0x11  the read reply would not fit in one message;
-//   0x08  another service of a known class; 0x05 another class or instance;
-//   0x04  a path that is not one class and one instance segment.
+//   0x08  another service; 0x05 an instance other than 0;
+//   0x04  a path with an attribute segment.
 class VariableServices {
 public:
     VariableServices(SharedStore &shared, Stats &stats, PublishedFile *store_file = nullptr)
         : shared_(shared), stats_(stats), store_file_(store_file) {}
 
-    CipReply Execute(uint32_t token, const MrRequest &request,
+    // `path` is the request's, already parsed by the message router.
+    CipReply Execute(uint32_t token, const MrRequest &request, const RequestPath &path,
                      size_t max_reply = kMaxConnectedReply);
 
 private:

@@ -125,8 +125,9 @@ public:
     std::string Render() const;
 
 private:
+    std::string Refusal(const std::string &name, const TypeInfo &type, size_t dims,
+                        uint32_t str_len) const;
     bool PutElement(Variable &var, uint64_t element, const std::vector<uint8_t> &bytes);
-    std::string FormatElement(const Variable &var, uint64_t element) const;
 
     std::vector<Variable> vars_;
     std::unordered_map<std::string, uint16_t> by_name_;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "util/wire.h"
+#include "sim/wire.h"
 
 namespace simtest {
 

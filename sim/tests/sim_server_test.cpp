@@ -1,189 +1,35 @@
-// The simulator as a client sees it over loopback TCP: encapsulation and
-// session rules, the connection manager, connected requests with their
-// sequence counts, and robustness against garbage.
+// The simulator as a client sees it over loopback: encapsulation and session
+// rules, discovery, the connection manager, connected requests with their
+// sequence counts, connections ending with their session or their timeout,
+// and robustness against garbage.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "sim/server.h"
-#include "sim/tests/sim_requests.h"
+#include "sim/tests/sim_client.h"
 
 using namespace plc::sim;
 using namespace simtest;
 
 namespace {
 
-constexpr uint16_t kRegister = 0x65, kUnregister = 0x66, kRRData = 0x6F, kUnitData = 0x70;
-constexpr uint32_t kToId = 0x9D9D0029;
-
-Bytes Encap(uint16_t command, uint32_t session, const Bytes &body, uint32_t options = 0) {
-    plc::wire::VecWriter w;
-    w.u16(command).u16(uint16_t(body.size())).u32(session).u32(0);
-    w.text("context!").u32(options).bytes(body.data(), body.size());
-    return w.take();
-}
-
-Bytes RRBody(const Bytes &mr) {
-    plc::wire::VecWriter w;
-    w.u32(0).u16(0).u16(2).u16(0).u16(0).u16(0xB2).u16(uint16_t(mr.size()));
-    w.bytes(mr.data(), mr.size());
-    return w.take();
-}
-
-Bytes UnitBody(uint32_t ot_id, uint16_t sequence, const Bytes &mr) {
-    plc::wire::VecWriter w;
-    w.u32(0).u16(0).u16(2).u16(0xA1).u16(4).u32(ot_id);
-    w.u16(0xB1).u16(uint16_t(mr.size() + 2)).u16(sequence).bytes(mr.data(), mr.size());
-    return w.take();
-}
-
-Bytes Mr(uint8_t service, const Bytes &path, const Bytes &data) {
-    plc::wire::VecWriter w;
-    w.u8(service).u8(uint8_t(path.size() / 2)).bytes(path.data(), path.size());
-    w.bytes(data.data(), data.size());
-    return w.take();
-}
-
-const Bytes kCmPath = {0x20, 0x06, 0x24, 0x01};
-const Bytes kRouterPath = {0x01, 0x00, 0x20, 0x02, 0x24, 0x01};
-
-struct OpenParams {
-    uint16_t serial = 0x0102;
-    uint32_t params = 0x43F807CC;
-    uint8_t transport = 0xA3;
-    uint8_t multiplier = 7;
-    Bytes path = kRouterPath;
-};
-
-Bytes ForwardOpen(const OpenParams &p) {
-    plc::wire::VecWriter w;
-    w.u8(6).u8(0x9A).u32(0x33000000).u32(kToId).u16(p.serial).u16(0x30).u32(0xC0A8015A);
-    w.u8(p.multiplier).zeros(3).u32(7236392).u32(p.params).u32(7236392).u32(p.params);
-    w.u8(p.transport).u8(uint8_t((p.path.size() + 1) / 2)).bytes(p.path.data(), p.path.size());
-    return Mr(0x5B, kCmPath, w.take());
-}
-
-Bytes ForwardClose(uint16_t serial) {
-    plc::wire::VecWriter w;
-    w.u8(5).u8(0xF7).u16(serial).u16(0x30).u32(0xC0A8015A).u8(3).u8(0);
-    w.bytes(kRouterPath.data(), kRouterPath.size());
-    return Mr(0x4E, kCmPath, w.take());
-}
-
-struct Reply {
-    uint16_t command = 0;
-    uint32_t session = 0;
-    uint32_t status = 0;
-    Bytes body;
-    // The message-router reply inside a SendRRData / SendUnitData reply.
-    Bytes RRMr() const { return Bytes(body.begin() + 16, body.end()); }
-    Bytes UnitMr() const { return Bytes(body.begin() + 22, body.end()); }
-    uint32_t UnitConnection() const { return *plc::wire::Reader(body).u32_at(12); }
-    uint16_t UnitSequence() const { return *plc::wire::Reader(body).u16_at(20); }
-};
-
-class Client {
-public:
-    explicit Client(uint16_t port) {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
-        // A guard against a hung test, not a timing assertion.
-        timeval guard{10, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(port);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = connect(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
-    }
-    ~Client() { close(fd_); }
-    bool connected() const { return connected_; }
-
-    void Send(const Bytes &bytes) {
-        ASSERT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
-    }
-    // One whole reply, or none when the simulator closed the connection.
-    std::optional<Reply> Receive() {
-        uint8_t header[24];
-        if (!ReadExact(header, sizeof header)) return std::nullopt;
-        plc::wire::Reader in(header, sizeof header);
-        Reply r;
-        r.command = in.u16();
-        const uint16_t length = in.u16();
-        r.session = in.u32();
-        r.status = in.u32();
-        r.body.resize(length);
-        if (!ReadExact(r.body.data(), length)) return std::nullopt;
-        return r;
-    }
-    std::optional<Reply> Exchange(uint16_t command, uint32_t session, const Bytes &body) {
-        Send(Encap(command, session, body));
-        return Receive();
-    }
-    uint32_t Register() {
-        const auto r = Exchange(kRegister, 0, {1, 0, 0, 0});
-        EXPECT_TRUE(r && r->status == 0 && r->session != 0);
-        session_ = r ? r->session : 0;
-        return session_;
-    }
-    Bytes RR(const Bytes &mr) {
-        const auto r = Exchange(kRRData, session_, RRBody(mr));
-        EXPECT_TRUE(r && r->status == 0 && r->body.size() >= 20);
-        return r && r->body.size() >= 16 ? r->RRMr() : Bytes{};
-    }
-    // Opens a connection; its O->T id.
-    uint32_t Open(uint16_t serial = 0x0102) {
-        OpenParams p;
-        p.serial = serial;
-        const Bytes mr = RR(ForwardOpen(p));
-        EXPECT_TRUE(mr.size() == 30 && mr[0] == 0xDB && mr[2] == 0);
-        return mr.size() == 30 ? *plc::wire::Reader(mr).u32_at(4) : 0;
-    }
-    std::optional<Reply> Unit(uint32_t ot_id, uint16_t sequence, const Bytes &mr) {
-        return Exchange(kUnitData, session_, UnitBody(ot_id, sequence, mr));
-    }
-
-private:
-    bool ReadExact(uint8_t *p, size_t n) {
-        while (n) {
-            const ssize_t got = recv(fd_, p, n, 0);
-            if (got <= 0) return false;
-            p += got;
-            n -= size_t(got);
-        }
-        return true;
-    }
-    int fd_ = -1;
-    bool connected_ = false;
-    uint32_t session_ = 0;
-};
-
-// General status and first extended status word of a message-router reply.
-std::pair<uint8_t, uint16_t> Status(const Bytes &mr) {
-    plc::wire::Reader in(mr);
-    in.skip(2);
-    const uint8_t general = in.u8();
-    const uint8_t words = in.u8();
-    return {general, words ? in.u16() : uint16_t(0)};
-}
-
 class SimServer : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override { Start(ServerOptions{}); }
+    void Start(ServerOptions options) {
+        if (server_) server_->Stop();
         std::string error;
-        ASSERT_TRUE(shared_.store.Declare("Counter", *FindType("DINT"), {}, 0, &error));
-        stats_path_ = ::testing::TempDir() + "sim_server_stats.txt";
-        ServerOptions options;
+        if (shared_.store.size() == 0) {
+            ASSERT_TRUE(shared_.store.Declare("Counter", *FindType("DINT"), {}, 0, &error));
+        }
         options.port = 0;
         server_ = std::make_unique<Server>(options, shared_, stats_, &stats_file_);
         ASSERT_TRUE(server_->Start(&error)) << error;
@@ -192,6 +38,12 @@ protected:
     void TearDown() override {
         server_->Stop();
         std::remove(stats_path_.c_str());
+    }
+    // Waits (bounded, not timed) until the counter reaches the value.
+    bool Eventually(const std::atomic<uint64_t> &counter, uint64_t value) {
+        for (int i = 0; i < 500 && counter != value; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return counter == value;
     }
 
     SharedStore shared_;
@@ -210,13 +62,14 @@ TEST_F(SimServer, SessionRulesAndEncapsulationErrors) {
     auto r = c.Exchange(kRRData, 0, RRBody(ForwardClose(1)));
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, 0x64u); // no session yet
-    r = c.Exchange(kRegister, 0, {2, 0, 0, 0});
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->status, 0x69u);
-    EXPECT_EQ(r->session, 0u);
-    r = c.Exchange(kRegister, 0, {1, 0, 1, 0});
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->status, 0x69u);
+    // An unsupported version is answered with the one served.
+    for (const Bytes &request : {Bytes{2, 0, 0, 0}, Bytes{1, 0, 1, 0}}) {
+        r = c.Exchange(kRegister, 0, request);
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->status, 0x69u);
+        EXPECT_EQ(r->session, 0u);
+        EXPECT_EQ(r->body, (Bytes{1, 0, 0, 0}));
+    }
     r = c.Exchange(kRegister, 0, {1, 0});
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, 0x65u);
@@ -229,68 +82,163 @@ TEST_F(SimServer, SessionRulesAndEncapsulationErrors) {
     r = c.Exchange(kRRData, session ^ 1, RRBody(ForwardClose(1)));
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, 0x64u);
-    r = c.Exchange(0x63, session, {});
+    r = c.Exchange(0x61, session, {});
     ASSERT_TRUE(r);
-    EXPECT_EQ(r->command, 0x63);
+    EXPECT_EQ(r->command, 0x61);
     EXPECT_EQ(r->status, 0x01u);
 
     Bytes one_item = RRBody(ForwardClose(1));
     one_item[6] = 1;
-    r = c.Exchange(kRRData, session, one_item);
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->status, 0x03u);
     Bytes trailing = RRBody(ForwardClose(1));
     trailing.push_back(0);
-    r = c.Exchange(kRRData, session, trailing);
+    const std::pair<uint16_t, Bytes> malformed[] = {
+        {kRRData, one_item}, {kRRData, trailing}, {kUnitData, UnitBody(1, 0, {})}};
+    for (const auto &[command, body] : malformed) {
+        r = c.Exchange(command, session, body);
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->status, 0x03u);
+    }
+    // Options set: discarded without a word; the next message is answered.
+    c.Send(Encap(kRRData, session, RRBody(ForwardClose(1)), 1));
+    r = c.Exchange(kListServices, 0, {});
     ASSERT_TRUE(r);
-    EXPECT_EQ(r->status, 0x03u);
-    c.Send(Encap(kRRData, session, RRBody(ForwardClose(1)), 1)); // options must be 0
-    r = c.Receive();
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->status, 0x03u);
-    r = c.Exchange(kUnitData, session, UnitBody(1, 0, {}));
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->status, 0x03u);
+    EXPECT_EQ(r->command, kListServices);
 
     c.Send(Encap(kUnregister, session, {}));
     EXPECT_FALSE(c.Receive()); // no reply; the connection is closed
     EXPECT_EQ(stats_.sessions_registered, 1u);
+    EXPECT_EQ(stats_.register_requests, 5u);
     EXPECT_EQ(stats_.sessions_open, 0u);
     std::ifstream in(stats_path_);
     std::stringstream published;
     published << in.rdbuf();
     EXPECT_NE(published.str().find("sessions_registered 1\n"), std::string::npos);
-    EXPECT_NE(published.str().find("errors 11\n"), std::string::npos) << published.str();
+    EXPECT_NE(published.str().find("errors 10\n"), std::string::npos) << published.str();
 }
 
-TEST_F(SimServer, ForwardOpenValidatesAndForwardCloseFindsTheTripleFromAnySession) {
-    auto a = std::make_unique<Client>(port_);
-    a->Register();
-    const auto refused = [&](const OpenParams &p) { return Status(a->RR(ForwardOpen(p))); };
-    OpenParams p;
-    p.path = {0x01, 0x00, 0x20, 0x02, 0x24, 0x02};
-    EXPECT_EQ(refused(p), std::make_pair(uint8_t(0x01), uint16_t(0x0315)));
-    p = OpenParams{};
-    p.transport = 0x01;
-    EXPECT_EQ(refused(p), std::make_pair(uint8_t(0x01), uint16_t(0x0103)));
-    p = OpenParams{};
-    p.params = 0x00004302; // null connection type
-    EXPECT_EQ(refused(p), std::make_pair(uint8_t(0x01), uint16_t(0x0108)));
-    p.params = 0x43F80000; // size 0
-    EXPECT_EQ(refused(p), std::make_pair(uint8_t(0x01), uint16_t(0x0109)));
-    p = OpenParams{};
-    p.multiplier = 8;
-    EXPECT_EQ(refused(p), std::make_pair(uint8_t(0x01), uint16_t(0x0205)));
+TEST_F(SimServer, DiscoveryAndIdentityAnswerWithoutAConnection) {
+    Client c(port_);
+    auto r = c.Exchange(kListIdentity, 0, {});
+    ASSERT_TRUE(r);
+    const Bytes identity = r->body;
+    plc::wire::Reader id(identity);
+    EXPECT_EQ(id.u16(), 1u);    // one item
+    EXPECT_EQ(id.u16(), 0x0Cu); // CIP identity
+    const uint16_t length = id.u16();
+    EXPECT_EQ(length, id.remaining());
+    EXPECT_EQ(id.u16(), 1u); // encapsulation version
+    // The socket address in network order: family 2, the port, 127.0.0.1.
+    EXPECT_EQ(Bytes(id.here(), id.here() + 8),
+              (Bytes{0, 2, uint8_t(port_ >> 8), uint8_t(port_), 127, 0, 0, 1}));
+    r = c.Exchange(kListServices, 0, {});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->body.size(), 26u);
+    EXPECT_EQ(Bytes(r->body.begin(), r->body.begin() + 10),
+              (Bytes{1, 0, 0, 1, 20, 0, 1, 0, 0x20, 0}));
+    r = c.Exchange(kListInterfaces, 0, {});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->body, (Bytes{0, 0}));
+
+    c.Register();
+    const Bytes all = c.RR(Mr(0x01, kIdentityPath));
+    ASSERT_GE(all.size(), 4u + 15);
+    EXPECT_EQ(Status(all).first, 0x00);
+    EXPECT_EQ(Bytes(all.begin() + 4, all.begin() + 6), (Bytes(id.here() + 16, id.here() + 18)));
+    struct Case {
+        Bytes mr;
+        uint8_t general;
+        Bytes data;
+    };
+    const Case cases[] = {
+        {Mr(0x0E, {0x20, 0x01, 0x24, 0x01, 0x30, 0x02}), 0x00, {0x0E, 0x00}}, // device type
+        {Mr(0x0E, {0x20, 0x01, 0x24, 0x00, 0x30, 0x02}), 0x00, {0x01, 0x00}}, // max instance
+        {Mr(0x0E, {0x20, 0x01, 0x24, 0x01, 0x30, 0x09}), 0x14, {}},
+        {Mr(0x0E, {0x20, 0x01, 0x24, 0x02, 0x30, 0x01}), 0x05, {}},
+        {Mr(0x10, {0x20, 0x01, 0x24, 0x01, 0x30, 0x01}), 0x08, {}},
+        {Mr(0x01, {0x20, 0x42, 0x24, 0x01}), 0x05, {}},
+        {Mr(0x01, {0x91, 0x02, 'A', 'B'}), 0x04, {}},
+        {Mr(0x55, kVariablePath), 0x08, {}}, // variables need a connection
+        // Unconnected_Send routed to slot 2 of the backplane: not us.
+        {Mr(0x52, kCmPath,
+            {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x02}),
+         0x01,
+         {0x12, 0x03, 1}},
+    };
+    // Routed to this controller's own slot, the embedded request is answered
+    // with its own service.
+    const Bytes routed =
+        c.RR(Mr(0x52, kCmPath,
+                {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x00}));
+    EXPECT_EQ(routed, (Bytes{0x8E, 0, 0, 0, 0x0E, 0x00}));
+    for (const Case &k : cases) {
+        const Bytes mr = c.RR(k.mr);
+        SCOPED_TRACE(HexBytes(k.mr));
+        EXPECT_EQ(Status(mr).first, k.general);
+        EXPECT_EQ(Bytes(mr.begin() + 4, mr.end()), k.data);
+    }
+    EXPECT_EQ(stats_.discovery_requests, 3u);
+}
+
+TEST_F(SimServer, ForwardOpensOfBothSizesAndAnyPathToTheRouter) {
+    Client a(port_);
+    a.Register();
+    const auto status = [&](const OpenParams &p) { return Status(a.RR(ForwardOpen(p))); };
+    struct Case {
+        OpenParams p;
+        std::pair<uint8_t, uint16_t> expect;
+    };
+    const auto with = [](auto change) {
+        OpenParams p;
+        change(p);
+        return p;
+    };
+    const Case cases[] = {
+        {with([](OpenParams &p) { p.path = {0x01, 0x00, 0x20, 0x02, 0x24, 0x02}; }),
+         {0x01, 0x0315}},
+        {with([](OpenParams &p) { p.path = {0x02, 0x00, 0x20, 0x02, 0x24, 0x01}; }),
+         {0x01, 0x0311}},
+        {with([](OpenParams &p) { p.path = {0x01, 0x03, 0x20, 0x02, 0x24, 0x01}; }),
+         {0x01, 0x0312}},
+        {with([](OpenParams &p) { p.transport = 0x01; }), {0x01, 0x0103}},
+        {with([](OpenParams &p) { p.params = 0x00004302; }), {0x01, 0x0108}}, // null type
+        {with([](OpenParams &p) { p.params = 0x43F80000; }), {0x01, 0x0109}}, // size 0
+        {with([](OpenParams &p) { p.multiplier = 8; }), {0x01, 0x0205}},
+        {with([](OpenParams &p) {
+             p.service = 0x54;
+             p.params = 0x4200;
+         }),
+         {0x01, 0x0109}},
+        // Accepted, each closed again right away.
+        {with([](OpenParams &p) {
+             p.path = {0x20, 0x02, 0x24, 0x01};
+         }),
+         {0x00, 0}},
+        {with([](OpenParams &p) { p.path = {0x21, 0x00, 0x02, 0x00, 0x25, 0x00, 0x01, 0x00}; }),
+         {0x00, 0}},
+        {with([](OpenParams &p) {
+             p.service = 0x54;
+             p.params = 0x43F4;
+         }),
+         {0x00, 0}},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(HexBytes(ForwardOpen(k.p)));
+        EXPECT_EQ(status(k.p), k.expect);
+        if (k.expect.first == 0) {
+            EXPECT_EQ(Status(a.RR(ForwardClose(k.p.serial))).first, 0x00);
+        }
+    }
     Bytes short_open = ForwardOpen(OpenParams{});
     short_open.pop_back();
-    EXPECT_EQ(Status(a->RR(short_open)).first, 0x13);
-    Bytes other_class = ForwardOpen(OpenParams{});
-    other_class[3] = 0x07;
-    EXPECT_EQ(Status(a->RR(other_class)).first, 0x05);
-    Bytes small_open = ForwardOpen(OpenParams{});
-    small_open[0] = 0x54;
-    EXPECT_EQ(Status(a->RR(small_open)).first, 0x08);
+    EXPECT_EQ(Status(a.RR(short_open)).first, 0x13);
+    Bytes other_instance = ForwardOpen(OpenParams{});
+    other_instance[5] = 0x02;
+    EXPECT_EQ(Status(a.RR(other_instance)).first, 0x05);
+}
 
+TEST_F(SimServer, ConnectionsEndWithTheirSessionAndForwardCloseFindsAnyTriple) {
+    auto a = std::make_unique<Client>(port_);
+    a->Register();
     const Bytes open = a->RR(ForwardOpen(OpenParams{}));
     ASSERT_EQ(open.size(), 30u);
     EXPECT_EQ(open[0], 0xDB);
@@ -306,18 +254,24 @@ TEST_F(SimServer, ForwardOpenValidatesAndForwardCloseFindsTheTripleFromAnySessio
     EXPECT_EQ(in.u16(), 0u);
     const Bytes duplicate = a->RR(ForwardOpen(OpenParams{}));
     EXPECT_EQ(Status(duplicate), std::make_pair(uint8_t(0x01), uint16_t(0x0100)));
-    EXPECT_EQ(Bytes(duplicate.begin() + 6, duplicate.begin() + 10), (Bytes{0x02, 0x01, 0x30, 0x00}));
+    EXPECT_EQ(Bytes(duplicate.begin() + 6, duplicate.begin() + 10),
+              (Bytes{0x02, 0x01, 0x30, 0x00}));
     a->Open(0x0200);
-    EXPECT_EQ(stats_.connections_open, 2u);
-
-    a.reset(); // gone without UnRegisterSession: its connections stay open
     Client b(port_);
     b.Register();
+    b.Open(0x0300);
+    EXPECT_EQ(stats_.connections_open, 3u);
+    // Another session's Forward_Close finds the triple.
     const Bytes closed = b.RR(ForwardClose(0x0102));
     EXPECT_EQ(closed, (Bytes{0xCE, 0, 0, 0, 0x02, 0x01, 0x30, 0x00, 0x5A, 0x01, 0xA8, 0xC0, 0, 0}));
-    EXPECT_EQ(stats_.connections_open, 1u);
-    EXPECT_EQ(Status(b.RR(ForwardClose(0x0102))), std::make_pair(uint8_t(0x01), uint16_t(0x0107)));
-    EXPECT_NE(b.Open(0x0102), 0u);
+    EXPECT_EQ(stats_.connections_open, 2u);
+
+    a.reset(); // gone without UnRegisterSession: its connection goes too
+    EXPECT_TRUE(Eventually(stats_.connections_open, 1u));
+    EXPECT_EQ(Status(b.RR(ForwardClose(0x0200))), std::make_pair(uint8_t(0x01), uint16_t(0x0107)));
+    b.Send(Encap(kUnregister, b.session(), {}));
+    EXPECT_FALSE(b.Receive());
+    EXPECT_TRUE(Eventually(stats_.connections_open, 0u));
 }
 
 TEST_F(SimServer, ConnectedRequestsEchoTheSequenceAndReplayRetransmissions) {
@@ -326,7 +280,7 @@ TEST_F(SimServer, ConnectedRequestsEchoTheSequenceAndReplayRetransmissions) {
     const uint32_t ot_id = c.Open();
     ASSERT_NE(ot_id, 0u);
 
-    auto r = c.Unit(ot_id, 0, Mr(0x56, {0x20, 0x6D, 0x24, 0x00}, ResolveRequest({"Counter"})));
+    auto r = c.Unit(ot_id, 0, Mr(0x56, kResolvePath, ResolveRequest({"Counter"})));
     ASSERT_TRUE(r);
     EXPECT_EQ(r->UnitConnection(), kToId);
     EXPECT_EQ(r->UnitSequence(), 0);
@@ -337,9 +291,10 @@ TEST_F(SimServer, ConnectedRequestsEchoTheSequenceAndReplayRetransmissions) {
     Handle handle{};
     std::copy_n(resolved.begin() + 16, 10, handle.begin());
 
-    const Bytes path = {0x20, 0xB8, 0x24, 0x00};
     const auto write = [&](uint16_t seq, uint8_t value) {
-        return c.Unit(ot_id, seq, Mr(0x56, path, WriteRequest(token, 4, handle, 0, 32, {value, 0, 0, 0})));
+        return c.Unit(
+            ot_id, seq,
+            Mr(0x56, kVariablePath, WriteRequest(token, 4, handle, 0, 32, {value, 0, 0, 0})));
     };
     r = write(1, 1);
     ASSERT_TRUE(r);
@@ -356,24 +311,53 @@ TEST_F(SimServer, ConnectedRequestsEchoTheSequenceAndReplayRetransmissions) {
     }
     EXPECT_EQ(stats_.retransmissions, 1u);
     EXPECT_EQ(stats_.sequence_anomalies, 1u);
-    EXPECT_EQ(stats_.write_requests, 2u);
+    EXPECT_EQ(stats_.write_requests, 3u);
 
-    const Bytes read = Mr(0x55, path, ReadRequest(token, {{handle, 0, 32}}));
+    const Bytes read = Mr(0x55, kVariablePath, ReadRequest(token, {{handle, 0, 32}}));
     r = c.Unit(ot_id, 7, read); // a gap is executed, and counted
     ASSERT_TRUE(r);
     EXPECT_EQ(r->UnitSequence(), 7);
     EXPECT_EQ(r->UnitMr(), (Bytes{0xD5, 0, 0, 0, 1, 0, 0, 0, 0, 0, 2, 0, 0, 0}));
     EXPECT_EQ(stats_.sequence_anomalies, 2u);
+    r = c.Unit(ot_id, 8, Mr(0x0E, {0x20, 0x01, 0x24, 0x01, 0x30, 0x01})); // identity, connected
+    ASSERT_TRUE(r);
+    EXPECT_EQ(Status(r->UnitMr()).first, 0x00);
 
-    r = c.Unit(ot_id ^ 0x10000, 8, read);
+    // A connection that is not ours: dropped without a word.
+    c.Send(Encap(kUnitData, c.session(), UnitBody(ot_id ^ 0x10000, 9, read)));
+    Client other(port_);
+    other.Register();
+    other.Send(Encap(kUnitData, other.session(), UnitBody(ot_id, 0, read)));
+    r = c.Exchange(kListServices, 0, {});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->command, kListServices);
+    EXPECT_TRUE(Eventually(stats_.dropped_requests, 2u));
+}
+
+TEST_F(SimServer, UnknownConnectionsAnsweredWhenAskedAndIdleConnectionsClosed) {
+    ServerOptions options;
+    options.answer_unknown_connections = true;
+    options.connection_timeout = std::chrono::milliseconds(50);
+    Start(options);
+    Client c(port_);
+    c.Register();
+    const uint32_t ot_id = c.Open();
+    auto r = c.Unit(ot_id ^ 0x10000, 0, Mr(0x55, kVariablePath));
     ASSERT_TRUE(r);
     EXPECT_EQ(r->UnitConnection(), 0u);
     EXPECT_EQ(r->UnitMr(), (Bytes{0xD5, 0, 0x01, 1, 0x07, 0x01}));
-    Client other(port_);
-    other.Register();
-    r = other.Unit(ot_id, 0, read); // another session's connection
+    EXPECT_TRUE(Eventually(stats_.connections_timed_out, 1u));
+    EXPECT_EQ(stats_.connections_open, 0u);
+    r = c.Unit(ot_id, 0, Mr(0x55, kVariablePath));
     ASSERT_TRUE(r);
     EXPECT_EQ(Status(r->UnitMr()), std::make_pair(uint8_t(0x01), uint16_t(0x0107)));
+}
+
+TEST(SimConnectionTimeout, IsTheRpiTimesTheCodedMultiplier) {
+    using std::chrono::microseconds;
+    EXPECT_EQ(ConnectionTimeout(10000, 0), microseconds(40000));
+    EXPECT_EQ(ConnectionTimeout(10000, 1), microseconds(80000));
+    EXPECT_EQ(ConnectionTimeout(7236392, 7), microseconds(uint64_t(7236392) * 512));
 }
 
 TEST_F(SimServer, GarbageGetsAnErrorOrADisconnectAndOthersAreStillServed) {

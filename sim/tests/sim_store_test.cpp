@@ -12,24 +12,23 @@ using namespace plc::sim;
 
 namespace {
 
-const char kTagList[] =
-    "X,Y,INT,[1..2_0..3],,,,,0\n"       // comma in the name, two dimensions
-    "Cube,DINT,[0..1_0..2_0..3],,,,,1\n" // three dimensions
-    "S,STRING,,20,,,,2\n"
-    "S2,STRING,,,,,,3\n"                 // no declared length
-    "LA,LREAL,[0..9],,,,,4\n"            // 64-bit: real element bounds
-    "F,BOOL,[0..19],,,,,5\n"
-    "N,INT,[-2..2],,,,,6\n"
-    "a.b,c,UDINT,,,,,,7\n"
-    "\n"
-    "Q,NOTATYPE,,,,,,8\n"                // no field is a type
-    "Short,DINT,,,9\n"                   // too few fields
-    "Inv,INT,[3..1],,,,,10\n"
-    "Bnd,INT,[0..x],,,,,11\n"
-    "R,REAL,,,,,,12\r\n"
-    "X,Y,INT,[1..2_0..3],,,,,13\n"      // the same declaration again
-    "R,DINT,,,,,,14\n"                   // contradicts line 14
-    "Last,SINT,,,,,,15";                 // no final newline
+const char kTagList[] = "X,Y,INT,[1..2_0..3],,,,,0\n"        // comma in the name, two dimensions
+                        "Cube,DINT,[0..1_0..2_0..3],,,,,1\n" // three dimensions
+                        "S,STRING,,20,,,,2\n"
+                        "S2,STRING,,,,,,3\n"      // no declared length
+                        "LA,LREAL,[0..9],,,,,4\n" // 64-bit: real element bounds
+                        "F,BOOL,[0..19],,,,,5\n"
+                        "N,INT,[-2..2],,,,,6\n"
+                        "a.b,c,UDINT,,,,,,7\n"
+                        "\n"
+                        "Q,NOTATYPE,,,,,,8\n" // no field is a type
+                        "Short,DINT,,,9\n"    // too few fields
+                        "Inv,INT,[3..1],,,,,10\n"
+                        "Bnd,INT,[0..x],,,,,11\n"
+                        "R,REAL,,,,,,12\r\n"
+                        "X,Y,INT,[1..2_0..3],,,,,13\n" // the same declaration again
+                        "R,DINT,,,,,,14\n"             // contradicts line 14
+                        "Last,SINT,,,,,,15";           // no final newline
 
 VariableStore Loaded(std::vector<std::string> *warnings_out = nullptr) {
     VariableStore store;

@@ -74,9 +74,10 @@ TEST_F(Connection, SecondProcessReusesTheSerialAndClosesTheOldConnection) {
     EXPECT_TRUE(Contains(r.err, "read session_1.dat ok")) << r.err;
     EXPECT_TRUE(Contains(r.err, "serial_n:" + std::to_string(*serial) + "\n")) << r.err;
     EXPECT_EQ(StoredSerial(dir), serial);
-    // Ours was closed by the second process; only its own (left open when it
-    // exited) remains.
-    EXPECT_EQ(sim.Stat("connections_open"), 1u);
+    // Ours was closed by the second process, and its own ended with its TCP
+    // connection when it exited.
+    EXPECT_EQ(sim.Stat("forward_close"), 2u);
+    EXPECT_EQ(sim.Stat("connections_open"), 0u);
 }
 
 TEST_F(Connection, ZeroSerialInTheSessionFileIsReplaced) {

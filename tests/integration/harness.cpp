@@ -18,6 +18,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "sim/control_client.h"
+
 namespace plc::itest {
 namespace {
 
@@ -166,7 +168,8 @@ bool Sim::Restart(std::string *error) {
     Kill();
     ++starts_;
     std::vector<std::string> argv = {SimPath(), "--tags", config_.tag_list, "--address", config_.address,
-                                     "--port", "44818", "--stats", "stats.txt", "--store", "store.txt"};
+                                     "--port", "44818", "--stats", "stats.txt", "--store", "store.txt",
+                                     "--control", "control.sock"};
     for (const std::string &s : config_.sets) {
         argv.push_back("--set");
         argv.push_back(s);
@@ -254,6 +257,12 @@ std::string Sim::Output() const {
     for (int i = 1; i <= starts_; ++i) all += read_file(dir_.file("sim.out." + std::to_string(i))).value_or("");
     return all + read_file(dir_.file("sim.err")).value_or("");
 }
+
+bool Sim::SetFault(const std::string &fault) const {
+    return sim::control::SetFault(dir_.file("control.sock"), fault);
+}
+
+bool Sim::ClearFaults() const { return sim::control::ClearFaults(dir_.file("control.sock")); }
 
 // ---- StdoutCapture -----------------------------------------------------------
 

@@ -56,7 +56,8 @@ struct SimConfig {
     std::string address = "127.0.0.1";
 };
 
-// One plc-sim process, started with --stats and --store files in the work dir.
+// One plc-sim process, started with --stats and --store files and a control
+// socket in the work dir.
 class Sim {
 public:
     explicit Sim(const WorkDir &dir) : dir_(dir) {}
@@ -77,6 +78,10 @@ public:
     // unquoted and unescaped); none when the variable is not there.
     std::optional<std::vector<std::string>> Values(const std::string &name) const;
     std::string Output() const;  // what the simulator printed
+
+    // Sets or clears faults through the control channel (see plc-sim --help).
+    bool SetFault(const std::string &fault) const;
+    bool ClearFaults() const;
 
 private:
     const WorkDir &dir_;

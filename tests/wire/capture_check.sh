@@ -17,57 +17,16 @@
 # with CI=true a missing tool is a failure instead).
 set -euo pipefail
 
-skip() {
-    echo "SKIP: $*"
-    if [[ "${CI:-}" == "true" ]]; then
-        echo "FAIL: in CI the wire check must run"
-        exit 1
-    fi
-    exit 77
-}
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=decode_checks.sh
+source "$here/decode_checks.sh"
 
 port=44818
 
 # ------------------------------------------------------------------ analysis
-# tshark must not fail quietly: an empty answer to a filter it could not run
-# would read as "nothing wrong".
-ts() {
-    if ! tshark -r "$pcap" "$@" 2>"$pcap.tshark.err"; then
-        grep -v '^Running as user' "$pcap.tshark.err" >&2 || true
-        echo "FAIL: tshark $* did not run" >&2
-        exit 1
-    fi
-}
-errors=0
-problem() {
-    echo "FAIL: $*"
-    errors=$((errors + 1))
-}
-
 # Decodes $pcap and checks it; exits 1 on any problem.
 analyze() {
-    echo "--- capture"
-    ts -Y "tcp.port == $port && tcp.len > 0"
-
-    # Every payload segment is EtherNet/IP; every request/reply carrying CIP is CIP.
-    payload_frames=$(ts -Y "tcp.port == $port && tcp.len > 0" -T fields -e frame.number | wc -l)
-    [[ $payload_frames -gt 0 ]] || problem "no payload on port $port"
-    not_enip=$(ts -Y "tcp.port == $port && tcp.len > 0 && !enip" -T fields -e frame.number)
-    [[ -z "$not_enip" ]] || problem "frames not decoded as EtherNet/IP: $(tr '\n' ' ' <<<"$not_enip")"
-    not_cip=$(ts -Y "(enip.command == 0x006f || enip.command == 0x0070) && !cip" -T fields -e frame.number)
-    [[ -z "$not_cip" ]] || problem "SendRRData/SendUnitData frames without CIP: $(tr '\n' ' ' <<<"$not_cip")"
-
-    malformed=$(ts -Y "_ws.malformed" -T fields -e frame.number)
-    [[ -z "$malformed" ]] || problem "malformed packets: $(tr '\n' ' ' <<<"$malformed")"
-
-    # 6291456 is the expert severity "Warning"; "Error" lies above it.
-    expert=$(ts -Y "_ws.expert.severity >= 6291456" -T fields -e frame.number -e _ws.expert.message)
-    [[ -z "$expert" ]] || problem "expert infos of warning level or above:
-    $expert"
+    check_clean_decode
 
     # The client's requests, in order, by encapsulation command.
     requests=$(ts -Y "tcp.dstport == $port && enip" -T fields -e enip.command | tr '\n' ' ')
@@ -101,13 +60,7 @@ analyze() {
     echo "connected request services: $services"
     [[ "$services" == *0x56* ]] || problem "no resolve request (service 0x56) among the connected requests"
 
-    if [[ $errors -ne 0 ]]; then
-        echo "--- decoded detail of the conversation"
-        ts -O enip,cip,cipcm -Y "tcp.port == $port && tcp.len > 0" >"$pcap.decoded.txt"
-        head -n 400 "$pcap.decoded.txt"
-        fail "$errors problem(s) in the capture"
-    fi
-    echo "PASS: $payload_frames payload frames decode cleanly as EtherNet/IP and CIP"
+    finish_decode
 }
 
 # ------------------------------------------------------------------ arguments
@@ -169,19 +122,6 @@ cleanup() {
     wait 2>/dev/null || true
 }
 trap cleanup EXIT
-
-# Waits (bounded) until the command succeeds; these are readiness waits, not
-# assertions about how fast anything is.
-wait_until() {
-    local what=$1
-    shift
-    local i
-    for ((i = 0; i < 200; ++i)); do
-        if "$@"; then return 0; fi
-        sleep 0.05
-    done
-    fail "gave up waiting for $what"
-}
 
 dumpcap -i lo -P -f "tcp port $port" -w "$pcap" -q 2>dumpcap.err &
 dumpcap_pid=$!
