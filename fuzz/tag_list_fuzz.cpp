@@ -31,7 +31,7 @@ void require(bool condition, const char *what) {
 void check_entry(const TagEntry &e) {
     require(std::memchr(e.name, '\0', sizeof e.name) != nullptr, "name terminated");
     require(e.bit_no <= 15 * 10 + 15, "bit number from two digits");
-    require(e.dim_type <= 5 && e.dim_type != 2, "known dimension kind");
+    require(plc::is_dim_kind(e.dim_type), "known dimension kind");
     // Bounds are kept as read, inverted or empty ones included: the element
     // checks of the request entries must refuse what such a dimension cannot
     // hold without dividing by a width of zero (the sanitizers watch them).
@@ -57,10 +57,10 @@ void check_table(const uint32_t *counts, std::vector<TagEntry> &plain,
         require(!group.tags.empty() && group.count == group.tags.size(), "group count");
         const uint32_t first = group.tags[0].tag_id;
         require(first >= PLC_INDEXED_TAG_BASE, "indexed id");
-        require(plc::groupID_table[(first >> 13) - 32] == g, "slot of the group's block");
+        require(plc::groupID_table[plc::group_slot(first)] == g, "slot of the group's block");
         for (size_t i = 0; i < group.tags.size(); ++i) {
             require(group.tags[i].tag_id == first + i, "consecutive ids");
-            require((group.tags[i].tag_id >> 13) == (first >> 13), "group inside one block");
+            require(plc::id_block(group.tags[i].tag_id) == plc::id_block(first), "group inside one block");
             check_entry(group.tags[i]);
             max_id = std::max(max_id, group.tags[i].tag_id);
         }

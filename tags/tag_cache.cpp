@@ -9,9 +9,6 @@ TagTableCache g_plc_tags;
 
 namespace {
 
-constexpr uint32_t kIdBlockShift = 13;
-constexpr uint32_t kFirstIndexedBlock = PLC_INDEXED_TAG_BASE >> kIdBlockShift;
-
 void print_not_exist(uint32_t tag_id, const char *file_name, int line) {
     std::printf("[PLC] ");
     std::printf("tag id %u is not exist in this tag list %s", tag_id, file_name);
@@ -101,7 +98,7 @@ const IndexedGroup *find_group(const TagTable &table, uint32_t tag_id) {
     if (tag_id < PLC_INDEXED_TAG_BASE) {
         return nullptr;
     }
-    const uint32_t slot = (tag_id >> kIdBlockShift) - kFirstIndexedBlock;
+    const uint32_t slot = group_slot(tag_id);
     if (slot >= groupID_table.size()) {
         return nullptr;
     }

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "tags/cip_types.h"
+#include "tags/tag_kinds.h"
 
 namespace plc {
 
@@ -27,9 +28,6 @@ constexpr size_t kMaxLineLength = 255;       // newline included
 constexpr size_t kMaxFieldLength = 99;       // name parts after the first, type, bounds
 constexpr size_t kMaxStrLenField = 7;
 constexpr size_t kMaxBitDigits = 2;
-constexpr uint32_t kIdBlockShift = 13;       // 8192 ids per block
-constexpr uint32_t kFirstIndexedBlock = PLC_INDEXED_TAG_BASE >> kIdBlockShift;
-constexpr uint32_t kLastIndexedId = ((kFirstIndexedBlock + kGroupSlots) << kIdBlockShift) - 1;
 constexpr size_t kMaxGroups = 512;
 constexpr uint32_t kMaxGroupEntries = 255;
 // A tag list holds at most 0x40000 plain and 512 x 255 indexed lines of at most
@@ -182,12 +180,12 @@ void parse_bounds(std::string_view field, TagEntry &entry, bool double_word, Rea
     size_t dims = 1;
     if (underscores == 2) {
         dims = 3;
-        entry.dim_type = 5;
+        set_dim_kind(entry, DimKind::ThreeDims);
     } else if (underscores == 1) {
         dims = 2;
-        entry.dim_type = 4;
+        set_dim_kind(entry, DimKind::TwoDims);
     } else {
-        entry.dim_type = 1;
+        set_dim_kind(entry, DimKind::OneDim);
     }
     uint16_t *const targets[6] = {&entry.lo1, &entry.hi1, &entry.lo2,
                                   &entry.hi2, &entry.lo3, &entry.hi3};
@@ -306,7 +304,7 @@ bool parse_line(std::string_view line, TagEntry &entry, Reason &why) {
     if (type != nullptr) {
         entry.bits = type->bits;
         entry.type_code = type->code;
-        entry.dim_type = 0;
+        set_dim_kind(entry, DimKind::Scalar);
     }
 
     // Fields 3 to 8 are counted from the type field.
@@ -337,7 +335,7 @@ bool parse_line(std::string_view line, TagEntry &entry, Reason &why) {
         entry.bits = 32;
         entry.lo1 = 0;
         entry.hi1 = 1;
-        entry.dim_type = 1;
+        set_dim_kind(entry, DimKind::OneDim);
     }
     if (!bounds.empty()) {
         parse_bounds(bounds, entry, double_word, why);
@@ -350,7 +348,7 @@ bool parse_line(std::string_view line, TagEntry &entry, Reason &why) {
             why("has a string length field longer than %zu characters", kMaxStrLenField);
         }
         entry.str_len = static_cast<uint16_t>(loose_decimal(str_len));
-        entry.dim_type = 3;
+        set_dim_kind(entry, DimKind::String);
         entry.lo1 = 0;
         entry.hi1 = 0;
     }
@@ -564,13 +562,13 @@ bool scan_file(std::FILE *file, const Refusal &refuse, Layout &layout, const Tar
         }
 
         layout.max_indexed = std::max(layout.max_indexed, id);
-        const uint32_t block = id >> kIdBlockShift;
+        const uint32_t block = id_block(id);
         const bool continues = layout.have_indexed && id == layout.prev_indexed + 1;
         if (continues) {
             GroupSpan &span = layout.spans[layout.groups - 1];
             // Lookups go through the slot of the id's own block and count the
             // element from the group's first id: a group must stay in one block.
-            if (block != (span.first >> kIdBlockShift)) {
+            if (block != id_block(span.first)) {
                 std::snprintf(reason, sizeof reason,
                               "has tag id %u, which continues the group starting at %u across an "
                               "id block boundary",
@@ -600,7 +598,7 @@ bool scan_file(std::FILE *file, const Refusal &refuse, Layout &layout, const Tar
             if (layout.blocks_used.test(block - kFirstIndexedBlock)) {
                 uint32_t earlier = 0;
                 for (size_t g = 0; g < layout.groups; ++g) {
-                    if ((layout.spans[g].first >> kIdBlockShift) == block) {
+                    if (id_block(layout.spans[g].first) == block) {
                         earlier = layout.spans[g].first;
                     }
                 }
@@ -721,8 +719,7 @@ const uint32_t *build_tagtable(std::vector<TagEntry> *entries_out,
 
     // Accepted: only now do the slots of the list's groups change.
     for (size_t g = 0; g < layout.groups; ++g) {
-        group_table[(layout.spans[g].first >> kIdBlockShift) - kFirstIndexedBlock] =
-            static_cast<uint32_t>(g);
+        group_table[group_slot(layout.spans[g].first)] = static_cast<uint32_t>(g);
     }
     temp_count[0] = layout.plain;
     temp_count[1] = layout.groups > 0 ? layout.max_indexed : 0;
@@ -764,7 +761,7 @@ int add_tag_pase_str(const char *line, TagEntry *entry) {
         }
     }
     if (fields.next(field) && !field.empty()) {
-        entry->dim_type = 1;
+        plc::set_dim_kind(*entry, plc::DimKind::OneDim);
         size_t pos = 0;
         int64_t lo = 0;
         int64_t hi = 0;
@@ -780,7 +777,7 @@ int add_tag_pase_str(const char *line, TagEntry *entry) {
     }
     if (fields.next(field) && !field.empty() && type_text == "STRING") {
         entry->str_len = static_cast<uint16_t>(plc::loose_decimal(field));
-        entry->dim_type = 3;
+        plc::set_dim_kind(*entry, plc::DimKind::String);
     }
     fields.next(field); // field 5: not read
     if (fields.next(field) && !field.empty()) {

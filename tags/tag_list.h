@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "plc_driver.h"
+#include "tags/tag_kinds.h"
 
 namespace plc {
 
@@ -15,7 +16,6 @@ struct IndexedGroup {
     std::vector<TagEntry> tags;
 };
 
-constexpr size_t kGroupSlots = 2048;
 // Indexed-tag id block (32 + slot) -> group number of the list built last.
 extern std::array<uint32_t, kGroupSlots> groupID_table;
 
