@@ -1,0 +1,96 @@
+#include "tags/tag_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace plc {
+
+namespace {
+
+// A tag list holds at most 0x40000 plain and 512 x 255 indexed lines of at most
+// 255 bytes (about 100 MB); anything much larger is not a tag list, and the cap
+// makes sure an endless file under the list's name cannot keep a build going.
+constexpr uint64_t kMaxFileBytes = 256ull << 20;
+
+} // namespace
+
+TagListFile::~TagListFile() { close(); }
+
+TagListFile::Opened TagListFile::open(const char *path) {
+    close();
+    if (path == nullptr) {
+        return Opened::CannotOpen;
+    }
+    fd_ = ::open(path, O_RDONLY | O_CLOEXEC);
+    return fd_ < 0 ? Opened::CannotOpen : Opened::Yes;
+}
+
+bool TagListFile::rewind() { return fd_ >= 0 && ::lseek(fd_, 0, SEEK_SET) == 0; }
+
+bool TagListFile::close() {
+    if (fd_ < 0) {
+        return true;
+    }
+    // The descriptor is gone whatever close reports; retrying could close
+    // another thread's new descriptor.
+    const int result = ::close(fd_);
+    fd_ = -1;
+    return result == 0;
+}
+
+bool LineReader::next(Line &line) {
+    line.kept = 0;
+    line.length = 0;
+    line.complete = false;
+    line.has_nul = false;
+    for (;;) {
+        if (pos_ == len_ && !refill()) {
+            return line.length > 0;
+        }
+        const char *start = block_.data() + pos_;
+        const size_t available = len_ - pos_;
+        const void *newline = std::memchr(start, '\n', available);
+        const size_t take =
+            newline != nullptr ? static_cast<size_t>(static_cast<const char *>(newline) - start) + 1
+                               : available;
+        const size_t copy = std::min(take, kMaxLineLength - line.kept);
+        std::memcpy(line.text.data() + line.kept, start, copy);
+        line.kept += copy;
+        line.length += take;
+        line.has_nul = line.has_nul || std::memchr(start, '\0', take) != nullptr;
+        pos_ += take;
+        if (newline != nullptr) {
+            line.complete = true;
+            return true;
+        }
+    }
+}
+
+bool LineReader::refill() {
+    if (eof_) {
+        return false;
+    }
+    ssize_t n = 0;
+    do {
+        n = ::read(fd_, block_.data(), block_.size());
+    } while (n < 0 && errno == EINTR);
+    if (n <= 0) {
+        eof_ = true;
+        error_ = n < 0;
+        return false;
+    }
+    total_ += static_cast<uint64_t>(n);
+    if (total_ > kMaxFileBytes) {
+        eof_ = true;
+        too_large_ = true;
+        return false;
+    }
+    pos_ = 0;
+    len_ = static_cast<size_t>(n);
+    return true;
+}
+
+} // namespace plc
