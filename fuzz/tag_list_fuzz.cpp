@@ -1,9 +1,9 @@
 // Feeds arbitrary bytes through the tag list parsers as a whole file and as a
 // single line, and checks what an accepted list promises: plain tags at index
-// = tag id, groups of consecutive ids inside one id block with their slot set,
-// element checks that hold whatever bounds a line declares, and lookups that
-// find exactly the entry of the id asked for (or nothing). Parsing never
-// touches the slots.
+// = tag id, groups of consecutive ids inside one id block, each block's slot
+// owned by the last group starting in it, element checks that hold whatever
+// bounds a line declares, and lookups that find exactly the entry of the id
+// asked for, or say why there is none. Parsing never touches the slots.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "engine/single_codec.h"
 #include "tags/tag_cache.h"
@@ -67,20 +68,36 @@ void check_parse(const plc::ParsedTagList &list, const uint8_t *data, size_t siz
     require(list.unterminated_line == (unterminated ? lines + 1 : 0), "unterminated last line");
 }
 
-void check_lookups(const plc::TagTable &table) {
+// Every id of a group is found, unless the group is shadowed: then it is
+// either reported as such, naming the owner, or (when the owner holds the
+// same id) found in the owner.
+void check_lookups(const plc::TagTable &table, const std::vector<size_t> &owners) {
     auto probe = [&table](uint32_t id) {
-        const TagEntry *e = plc::find_entry(table, id);
-        require(e == nullptr || e->tag_id == id, "lookup finds the id asked for");
-        return e;
+        const plc::TagLookup where = plc::lookup_tag(table, id);
+        require((where.entry != nullptr) == (where.status == plc::TagLookupStatus::Found),
+                "entry exactly when found");
+        require(where.entry == nullptr || where.entry->tag_id == id, "lookup finds the id asked");
+        require(where.entry == plc::find_entry(table, id), "lookup agrees with find_entry");
+        return where;
     };
     for (uint32_t id = 0; id <= table.tag_num && id < PLC_INDEXED_TAG_BASE; ++id) {
-        require((probe(id) != nullptr) == (id < table.tag_num), "every plain id found");
+        require((probe(id).entry != nullptr) == (id < table.tag_num), "every plain id found");
     }
-    for (const plc::IndexedGroup &group : table.indexedtag_table) {
+    for (size_t g = 0; g < table.indexedtag_table.size(); ++g) {
+        const plc::IndexedGroup &group = table.indexedtag_table[g];
+        const plc::IndexedGroup &owner = table.indexedtag_table[owners[g]];
         const uint32_t first = group.tags[0].tag_id;
         probe(first - 1);
         for (uint32_t i = 0; i < group.count; ++i) {
-            require(probe(first + i) != nullptr, "every indexed id found");
+            const plc::TagLookup where = probe(first + i);
+            if (owners[g] == g) {
+                require(where.status == plc::TagLookupStatus::Found, "every id of a group found");
+            } else if (where.status == plc::TagLookupStatus::Found) {
+                require(where.group == &owner, "a shadowed id found only in its owner");
+            } else {
+                require(where.status == plc::TagLookupStatus::Shadowed && where.owner == &owner,
+                        "a shadowed id names its owner");
+            }
         }
         probe(first + group.count);
     }
@@ -126,6 +143,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     }
     check_parse(list, data, size);
+    std::vector<size_t> owners(list.groups.size());
+    for (size_t g = 0; g < owners.size(); ++g) owners[g] = list.block_owner(g);
 
     plc::TagTable table;
     const uint32_t *counts =
@@ -133,10 +152,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     require(counts != nullptr, "an accepted list is published");
     table.tag_num = counts[0];
     table.max_index_id = counts[1];
-    for (size_t g = 0; g < table.indexedtag_table.size(); ++g) {
+    for (size_t g = 0; g < owners.size(); ++g) {
         const uint32_t slot = plc::group_slot(table.indexedtag_table[g].tags[0].tag_id);
-        require(plc::groupID_table[slot] == g, "slot of the group's block");
+        require(plc::groupID_table[slot] == owners[g], "slot of the block's owner");
     }
-    check_lookups(table);
+    check_lookups(table, owners);
     return 0;
 }

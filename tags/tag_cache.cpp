@@ -94,42 +94,6 @@ uint32_t compose_tag_id(PlcRequest &request) {
     return request.address >> 16;
 }
 
-const IndexedGroup *find_group(const TagTable &table, uint32_t tag_id) {
-    if (tag_id < PLC_INDEXED_TAG_BASE) {
-        return nullptr;
-    }
-    const uint32_t slot = group_slot(tag_id);
-    if (slot >= groupID_table.size()) {
-        return nullptr;
-    }
-    // The slot may hold a group number written by another list: every step is
-    // checked, and an id outside the group it leads to is not found.
-    const uint32_t g = groupID_table[slot];
-    if (g >= table.indexedtag_table.size()) {
-        return nullptr;
-    }
-    const IndexedGroup &group = table.indexedtag_table[g];
-    if (group.tags.empty() || tag_id < group.tags[0].tag_id) {
-        return nullptr;
-    }
-    const uint32_t element = tag_id - group.tags[0].tag_id;
-    if (element >= group.count || element >= group.tags.size()) {
-        return nullptr;
-    }
-    return &group;
-}
-
-const TagEntry *find_entry(const TagTable &table, uint32_t tag_id) {
-    if (tag_id < PLC_INDEXED_TAG_BASE) {
-        return tag_id < table.tag_str.size() ? &table.tag_str[tag_id] : nullptr;
-    }
-    const IndexedGroup *group = find_group(table, tag_id);
-    if (group == nullptr) {
-        return nullptr;
-    }
-    return &group->tags[tag_id - group->tags[0].tag_id];
-}
-
 TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcRequest &request,
                                  const TagLookupLines &lines, bool batch, char *name_out) {
     char local_name[kCsvNameSize];
@@ -195,7 +159,9 @@ const TagEntry *find_request_entry(const DriverSettings *settings, const PlcRequ
     TagTable *table = find_or_build_tagtable(settings, request, lines, false, file_name);
     if (table == nullptr || !check_tag_id(*table, tag_id, file_name, lines, false)) return nullptr;
     *table_out = table;
-    return find_entry(*table, tag_id);
+    const TagLookup where = lookup_tag(*table, tag_id);
+    print_unreachable_tag(*table, tag_id, where);
+    return where.entry;
 }
 
 } // namespace plc

@@ -13,6 +13,7 @@ namespace {
 uint32_t temp_count[2];
 
 uint32_t first_id(const IndexedGroup &group) { return group.tags[0].tag_id; }
+uint32_t last_id(const IndexedGroup &group) { return group.tags.back().tag_id; }
 
 // Prints why the list gives no table; false when it does give one.
 bool report_failure(const ParsedTagList &list, const char *path) {
@@ -47,6 +48,19 @@ bool report_failure(const ParsedTagList &list, const char *path) {
     return true;
 }
 
+// A shadowed group is accepted but unreachable: said once, when the list is
+// built, so that whoever exported the list can tell which ids are lost.
+void report_shadowed_groups(const ParsedTagList &list, const char *path) {
+    for (size_t g = 0; g < list.groups.size(); ++g) {
+        const size_t owner = list.block_owner(g);
+        if (owner == g) continue;
+        std::printf("[PLC] tag list %s: tag ids %u to %u cannot be reached, the group of tag ids "
+                    "%u to %u took their id block\r\n",
+                    path, first_id(list.groups[g]), last_id(list.groups[g]),
+                    first_id(list.groups[owner]), last_id(list.groups[owner]));
+    }
+}
+
 } // namespace
 
 const uint32_t *publish_tag_list(ParsedTagList &list, std::vector<TagEntry> *entries_out,
@@ -60,7 +74,9 @@ const uint32_t *publish_tag_list(ParsedTagList &list, std::vector<TagEntry> *ent
     if (entries_out == nullptr || index_out == nullptr || report_failure(list, path)) {
         return nullptr;
     }
-    // Only an accepted list changes the slots.
+    report_shadowed_groups(list, path);
+    // Only an accepted list changes the slots; in file order, so that the
+    // group built last owns a block that several groups start in.
     for (size_t g = 0; g < list.groups.size(); ++g) {
         const uint32_t slot = group_slot(first_id(list.groups[g]));
         if (slot < group_table.size()) group_table[slot] = static_cast<uint32_t>(g);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bitset>
 #include <cstdarg>
 #include <cstdio>
 #include <new>
@@ -27,7 +26,6 @@ struct Layout {
     uint32_t max_indexed = 0;
     size_t groups = 0;
     std::array<GroupSpan, kMaxGroups> spans;
-    std::bitset<kGroupSlots> blocks_used; // id blocks in which a group starts
     bool have_indexed = false;
     uint32_t prev_indexed = 0;
     unsigned long long unterminated_line = 0;
@@ -67,14 +65,6 @@ bool refuse_line(ParsedTagList &out, unsigned long long line_no, const char *for
 
 bool changed_while_read(ParsedTagList &out) {
     return refuse_file(out, "the file changed while it was read");
-}
-
-uint32_t first_in_block(const Layout &layout, uint32_t block) {
-    uint32_t first = 0;
-    for (size_t g = 0; g < layout.groups; ++g) {
-        if (id_block(layout.spans[g].first) == block) first = layout.spans[g].first;
-    }
-    return first;
 }
 
 // Every user finds a plain tag at index = tag id, so a gap or a repeat would
@@ -120,15 +110,6 @@ bool place_indexed(const TagEntry &entry, unsigned long long line_no, Layout &la
                                "has tag id %u, which starts a group beyond the %zu allowed", id,
                                kMaxGroups);
         }
-        // One slot per id block: a second group starting in the block would
-        // silently take over the first one's slot.
-        if (layout.blocks_used.test(group_slot(id))) {
-            return refuse_line(out, line_no,
-                               "has tag id %u, which starts a group in the id block of the group "
-                               "starting at %u",
-                               id, first_in_block(layout, id_block(id)));
-        }
-        layout.blocks_used.set(group_slot(id));
         layout.spans[layout.groups++] = GroupSpan{id, 1};
     }
     layout.have_indexed = true;
@@ -217,6 +198,19 @@ bool allocate(const Layout &layout, ParsedTagList &out) {
 }
 
 } // namespace
+
+size_t ParsedTagList::block_owner(size_t g) const {
+    if (g >= groups.size() || groups[g].tags.empty()) {
+        return g;
+    }
+    const uint32_t block = id_block(groups[g].tags[0].tag_id);
+    for (size_t h = groups.size(); h-- > g + 1;) {
+        if (!groups[h].tags.empty() && id_block(groups[h].tags[0].tag_id) == block) {
+            return h;
+        }
+    }
+    return g;
+}
 
 ParsedTagList parse_tag_list(const char *path) {
     ParsedTagList out;

@@ -8,8 +8,10 @@
 // - every tag line must be readable without guessing (see pase_str);
 // - plain tags (ids below 0x40000) carry the ids 0, 1, 2, ... in file order;
 // - indexed tags form groups of consecutive ids, each inside one 8192-id
-//   block, at most 255 entries per group and 512 groups per list; lookups
-//   go through one slot per block, so no two groups may start in one block.
+//   block, at most 255 entries per group and 512 groups per list;
+// - several groups may start in one block: lookups go through one slot per
+//   block, so the group built last owns the block and the ids of the groups
+//   before it cannot be reached (they are "shadowed").
 #pragma once
 
 #include <cstddef>
@@ -55,6 +57,10 @@ struct ParsedTagList {
     unsigned long long unterminated_line = 0;
 
     uint32_t plain_count() const { return static_cast<uint32_t>(plain.size()); }
+    // The group whose slot group g's id block gets: the last group of the
+    // list that starts in that block (g itself when no later one does).
+    size_t block_owner(size_t g) const;
+    bool shadowed(size_t g) const { return block_owner(g) != g; }
 };
 
 // Reads and checks the tag list at `path`. Every array is allocated once at its final size;

@@ -203,6 +203,28 @@ TEST_F(TagListTest, ParseTouchesNothingAndBuildFillsTheSlots) {
     EXPECT_EQ(empty.counts[0] + empty.counts[1], 0u);
 }
 
+TEST_F(TagListTest, GroupsSharingABlockAreShadowedByTheLastOne) {
+    const std::string path = write("a,INT,,,,,,262144\n"
+                                   "b,INT,,,,,,262149\n"
+                                   "c0,INT,,,,,,262153\n"
+                                   "c1,INT,,,,,,262154\n"
+                                   "d,INT,,,,,,270336\n");
+    const ParsedTagList list = parse_tag_list(path.c_str());
+    ASSERT_EQ(list.status, TagListStatus::Accepted);
+    std::vector<size_t> owners;
+    for (size_t g = 0; g < list.groups.size(); ++g) owners.push_back(list.block_owner(g));
+    EXPECT_EQ(owners, (std::vector<size_t>{2, 2, 2, 3}));
+
+    const Built b = build(path);
+    ASSERT_NE(b.counts, nullptr);
+    EXPECT_EQ(b.output, "[PLC] tag list " + path + ": tag ids 262144 to 262144 cannot be reached, "
+                        "the group of tag ids 262153 to 262154 took their id block\r\n"
+                        "[PLC] tag list " + path + ": tag ids 262149 to 262149 cannot be reached, "
+                        "the group of tag ids 262153 to 262154 took their id block\r\n");
+    EXPECT_EQ(groupID_table[0], 2u);
+    EXPECT_EQ(groupID_table[1], 3u);
+}
+
 TEST_F(TagListTest, LimitsAreInclusive) {
     std::string text;
     for (uint32_t i = 0; i < 255; ++i) text += "g,INT,,,,,," + std::to_string(0x40000 + i) + "\n";
@@ -251,9 +273,6 @@ TEST_F(TagListTest, UnreadableFilesAreRefusedWithLineAndReason) {
         {big_group, "line 256 has tag id 262399, making the group starting at 262144 longer than 255 entries"},
         {"a,INT,,,,,,270335\nb,INT,,,,,,270336\n",
          "line 2 has tag id 270336, which continues the group starting at 270335 across an id block boundary"},
-        {"a,INT,,,,,,262144\nb,INT,,,,,,262149\n",
-         "line 2 has tag id 262149, which starts a group in the id block of the group starting at 262144"},
-        {"a,INT,,,,,,262144\nb,INT,,,,,,262144\n", "line 2 has tag id 262144, which starts a group"},
         {many_groups, "line 513 has tag id 4456448, which starts a group beyond the 512 allowed"},
         {"A," + std::string(100, 'q') + ",DINT,,,,,,0\n", "line 1 has a name part longer than 99 characters"},
         {"A,INT,[0.." + std::string(100, '1') + "],,,,,0\n", "line 1 has an array bounds field longer than 99 characters"},
