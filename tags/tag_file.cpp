@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace plc {
@@ -24,8 +25,22 @@ TagListFile::Opened TagListFile::open(const char *path) {
     if (path == nullptr) {
         return Opened::CannotOpen;
     }
-    fd_ = ::open(path, O_RDONLY | O_CLOEXEC);
-    return fd_ < 0 ? Opened::CannotOpen : Opened::Yes;
+    // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer.
+    // It changes nothing for the reads of a regular file.
+    fd_ = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd_ < 0) {
+        return Opened::CannotOpen;
+    }
+    struct stat st {};
+    if (::fstat(fd_, &st) != 0) {
+        close();
+        return Opened::CannotOpen;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        close();
+        return Opened::NotRegular;
+    }
+    return Opened::Yes;
 }
 
 bool TagListFile::rewind() { return fd_ >= 0 && ::lseek(fd_, 0, SEEK_SET) == 0; }

@@ -1,4 +1,5 @@
-// Reading a tag list file line by line.
+// Reading a tag list file: opened only when it is a regular file, and taken
+// line by line.
 #pragma once
 
 #include <array>
@@ -13,13 +14,15 @@ namespace plc {
 // An open tag list file, closed when the object goes.
 class TagListFile {
 public:
-    enum class Opened { Yes, CannotOpen };
+    enum class Opened { Yes, CannotOpen, NotRegular };
 
     TagListFile() = default;
     ~TagListFile();
     TagListFile(const TagListFile &) = delete;
     TagListFile &operator=(const TagListFile &) = delete;
 
+    // Opens without blocking, whatever the path names (a FIFO without a
+    // writer, a device), and keeps the file only when it is a regular file.
     Opened open(const char *path);
     bool rewind();
     // Closes the file; false when the system reports an error.

@@ -220,6 +220,9 @@ ParsedTagList parse_tag_list(const char *path) {
     case TagListFile::Opened::CannotOpen:
         out.status = TagListStatus::CannotOpen;
         return out;
+    case TagListFile::Opened::NotRegular:
+        refuse_file(out, "it is not a regular file");
+        return out;
     case TagListFile::Opened::Yes:
         break;
     }

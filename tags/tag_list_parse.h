@@ -33,7 +33,7 @@ struct IndexedGroup {
 enum class TagListStatus {
     Accepted,
     CannotOpen, // no such file, no permission: worth trying again later
-    Refused,    // see TagListRefusal
+    Refused,    // the contents, or what the path names; see TagListRefusal
     // An array could not be allocated (in the order they are allocated).
     NoMemoryForPlain,
     NoMemoryForGroupTable,
@@ -63,7 +63,8 @@ struct ParsedTagList {
     bool shadowed(size_t g) const { return block_owner(g) != g; }
 };
 
-// Reads and checks the tag list at `path`. Every array is allocated once at its final size;
+// Reads and checks the tag list at `path` (opened only when it is a regular
+// file, without blocking). Every array is allocated once at its final size;
 // on any status but Accepted the arrays are empty. `path` must outlive the
 // result (the refusal points at it).
 ParsedTagList parse_tag_list(const char *path);

@@ -1,6 +1,8 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -306,7 +308,14 @@ TEST_F(TagListTest, UnreadableFilesAreRefusedWithLineAndReason) {
     EXPECT_EQ(good.counts[1], 262150u);
 }
 
-TEST_F(TagListTest, MissingFileIsReported) {
+TEST_F(TagListTest, OnlyRegularFilesAreOpenedAndNeverWaitedFor) {
+    alarm(10); // a blocking open would hang here: fail instead
+    const std::string fifo = dir_.file("PLC7F000001_9.csv");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string &path : {fifo, dir_.path()}) {
+        EXPECT_EQ(build(path).output, "[PLC] tag list " + path + " refused: it is not a regular file\r\n");
+    }
+    alarm(0);
     const std::string absent = dir_.file("absent.csv");
     const Built b = build(absent);
     EXPECT_EQ(b.counts, nullptr);
