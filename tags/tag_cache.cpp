@@ -21,12 +21,39 @@ void print_not_exist(uint32_t tag_id, uint32_t bound, int line) {
     std::printf(", at line: %d\r\n", line);
 }
 
+// True while `name` names the very file that was refused; a refusal whose
+// file changed or went away is forgotten, and the list is read again.
+bool still_refused(TagTableCache &head, const char *name) {
+    for (auto it = head.refused.begin(); it != head.refused.end(); ++it) {
+        if (it->name != name) continue;
+        FileStamp now;
+        if (stamp_of(name, now) && now == it->stamp) return true;
+        head.refused.erase(it);
+        return false;
+    }
+    return false;
+}
+
+// Only a refusal that the same file would get again is worth remembering: a
+// file that could not be opened or read, or ran out of memory, is tried again.
+void remember_refusal(TagTableCache &head, const char *name, const ParsedTagList &list) {
+    if (list.status != TagListStatus::Refused || !list.refusal.lasting) {
+        return;
+    }
+    try {
+        head.refused.push_back(RefusedTagList{name, list.stamp});
+    } catch (const std::bad_alloc &) {
+        // Not remembered: the list is only read again next time.
+    }
+}
+
 } // namespace
 
 void init_tag(TagTableCache &head) {
     // A new initialisation reads every list again; the tables of the earlier one
     // are released here (nothing keeps a table or entry pointer across calls).
     head.tables.clear();
+    head.refused.clear();
 }
 
 int add_tagtable(TagTableCache &head, const char *name, std::vector<TagEntry> &&tag_str,
@@ -107,9 +134,18 @@ TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcReques
         return table;
     }
 
+    if (still_refused(g_plc_tags, name)) {
+        std::printf("[PLC] build tag table failed! at line %d\r\n", lines.build_failed);
+        return nullptr;
+    }
+
     std::vector<TagEntry> tag_str;
     std::vector<IndexedGroup> indexedtag_table;
-    const uint32_t *counts = build_tagtable(&tag_str, &indexedtag_table, name, groupID_table);
+    ParsedTagList list = parse_tag_list(name);
+    const uint32_t *counts = publish_tag_list(list, &tag_str, &indexedtag_table, groupID_table);
+    if (counts == nullptr) {
+        remember_refusal(g_plc_tags, name, list);
+    }
     // The batch entry also takes a list without any tag for a failed build.
     if (counts == nullptr || (batch && counts[0] == 0 && counts[1] == 0)) {
         std::printf("[PLC] build tag table failed! at line %d\r\n", lines.build_failed);

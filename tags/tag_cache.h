@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "plc_driver.h"
+#include "tags/tag_file.h"
 #include "tags/tag_list.h"
 
 namespace plc {
@@ -20,9 +21,18 @@ struct TagTable {
     uint32_t max_index_id = 0;
 };
 
-// Newest table first; tables are never removed except by init_tag.
+// A tag list that was refused, and the file as it was then: while the file
+// stays the same it would only be refused again.
+struct RefusedTagList {
+    std::string name;
+    FileStamp stamp;
+};
+
+// Newest table first; tables and refusals are only forgotten by init_tag (a
+// refusal also when its file changes).
 struct TagTableCache {
     std::list<TagTable> tables;
+    std::vector<RefusedTagList> refused;
 };
 
 extern TagTableCache g_plc_tags;
@@ -84,6 +94,8 @@ struct TagLookupLines {
 // Returns the table, or nullptr after printing the entry's message (the entry
 // then returns 3). `batch` selects the batch entry's rules (an empty list counts
 // as a failure). The file name is left in name_out (kCsvNameSize bytes).
+// A list refused for its contents (or for not being a regular file) is not
+// read again while its file keeps its stamp: the request fails at once.
 TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcRequest &request,
                                  const TagLookupLines &lines, bool batch, char *name_out);
 

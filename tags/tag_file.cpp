@@ -16,7 +16,34 @@ namespace {
 // makes sure an endless file under the list's name cannot keep a build going.
 constexpr uint64_t kMaxFileBytes = 256ull << 20;
 
+FileStamp stamp_from(const struct stat &st) {
+    FileStamp stamp;
+    stamp.device = static_cast<uint64_t>(st.st_dev);
+    stamp.inode = static_cast<uint64_t>(st.st_ino);
+    stamp.size = static_cast<int64_t>(st.st_size);
+    stamp.modified_s = static_cast<int64_t>(st.st_mtim.tv_sec);
+    stamp.modified_ns = static_cast<int64_t>(st.st_mtim.tv_nsec);
+    stamp.changed_s = static_cast<int64_t>(st.st_ctim.tv_sec);
+    stamp.changed_ns = static_cast<int64_t>(st.st_ctim.tv_nsec);
+    return stamp;
+}
+
 } // namespace
+
+bool FileStamp::operator==(const FileStamp &other) const {
+    return device == other.device && inode == other.inode && size == other.size &&
+           modified_s == other.modified_s && modified_ns == other.modified_ns &&
+           changed_s == other.changed_s && changed_ns == other.changed_ns;
+}
+
+bool stamp_of(const char *path, FileStamp &stamp) {
+    struct stat st {};
+    if (path == nullptr || ::stat(path, &st) != 0) {
+        return false;
+    }
+    stamp = stamp_from(st);
+    return true;
+}
 
 TagListFile::~TagListFile() { close(); }
 
@@ -36,6 +63,7 @@ TagListFile::Opened TagListFile::open(const char *path) {
         close();
         return Opened::CannotOpen;
     }
+    stamp_ = stamp_from(st);
     if (!S_ISREG(st.st_mode)) {
         close();
         return Opened::NotRegular;

@@ -1,5 +1,5 @@
-// Reading a tag list file: opened only when it is a regular file, and taken
-// line by line.
+// Reading a tag list file: opened only when it is a regular file, taken line
+// by line, and known by its identity and stamp.
 #pragma once
 
 #include <array>
@@ -10,6 +10,26 @@
 #include "tags/tag_line.h"
 
 namespace plc {
+
+// Who a file is (device, inode) and what it looked like (size, modification
+// and change times, to the nanosecond). Two equal stamps mean the same file
+// with, as far as the system can tell, the same contents.
+struct FileStamp {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    int64_t size = 0;
+    int64_t modified_s = 0;
+    int64_t modified_ns = 0;
+    int64_t changed_s = 0;
+    int64_t changed_ns = 0;
+
+    bool operator==(const FileStamp &other) const;
+    bool operator!=(const FileStamp &other) const { return !(*this == other); }
+};
+
+// The stamp of the file a path names (following links, as opening it does);
+// false when there is no such file.
+bool stamp_of(const char *path, FileStamp &stamp);
 
 // An open tag list file, closed when the object goes.
 class TagListFile {
@@ -23,7 +43,9 @@ public:
 
     // Opens without blocking, whatever the path names (a FIFO without a
     // writer, a device), and keeps the file only when it is a regular file.
+    // The stamp is known from NotRegular on.
     Opened open(const char *path);
+    const FileStamp &stamp() const { return stamp_; }
     bool rewind();
     // Closes the file; false when the system reports an error.
     bool close();
@@ -31,6 +53,7 @@ public:
 
 private:
     int fd_ = -1;
+    FileStamp stamp_;
 };
 
 // One physical line of the file: at most kMaxLineLength characters are kept,

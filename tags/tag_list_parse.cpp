@@ -43,9 +43,10 @@ struct Layout {
     }
 };
 
-bool refuse_file(ParsedTagList &out, const char *reason) {
+bool refuse_file(ParsedTagList &out, const char *reason, bool lasting) {
     out.status = TagListStatus::Refused;
     out.refusal.line = 0;
+    out.refusal.lasting = lasting;
     std::snprintf(out.refusal.reason, sizeof out.refusal.reason, "%s", reason);
     return false;
 }
@@ -56,6 +57,7 @@ __attribute__((format(printf, 3, 4)))
 bool refuse_line(ParsedTagList &out, unsigned long long line_no, const char *format, ...) {
     out.status = TagListStatus::Refused;
     out.refusal.line = line_no;
+    out.refusal.lasting = true;
     va_list args;
     va_start(args, format);
     std::vsnprintf(out.refusal.reason, sizeof out.refusal.reason, format, args);
@@ -64,7 +66,7 @@ bool refuse_line(ParsedTagList &out, unsigned long long line_no, const char *for
 }
 
 bool changed_while_read(ParsedTagList &out) {
-    return refuse_file(out, "the file changed while it was read");
+    return refuse_file(out, "the file changed while it was read", false);
 }
 
 // Every user finds a plain tag at index = tag id, so a gap or a repeat would
@@ -167,10 +169,10 @@ bool scan_file(const TagListFile &file, Layout &layout, ParsedTagList &out, bool
         }
     }
     if (reader.read_error()) {
-        return refuse_file(out, "the file could not be read");
+        return refuse_file(out, "the file could not be read", false);
     }
     if (reader.too_large()) {
-        return refuse_file(out, "the file is larger than any tag list can be");
+        return refuse_file(out, "the file is larger than any tag list can be", true);
     }
     return true;
 }
@@ -221,11 +223,13 @@ ParsedTagList parse_tag_list(const char *path) {
         out.status = TagListStatus::CannotOpen;
         return out;
     case TagListFile::Opened::NotRegular:
-        refuse_file(out, "it is not a regular file");
+        out.stamp = file.stamp();
+        refuse_file(out, "it is not a regular file", true);
         return out;
     case TagListFile::Opened::Yes:
         break;
     }
+    out.stamp = file.stamp();
 
     // Every line is checked before anything is allocated.
     Layout layout;
@@ -234,7 +238,7 @@ ParsedTagList parse_tag_list(const char *path) {
     }
     Layout second;
     if (!file.rewind()) {
-        refuse_file(out, "the file could not be read");
+        refuse_file(out, "the file could not be read", false);
     } else if (scan_file(file, second, out, true)) {
         if (!second.same_shape(layout)) {
             changed_while_read(out);

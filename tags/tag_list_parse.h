@@ -45,11 +45,15 @@ struct TagListRefusal {
     const char *file = "";       // the path as given
     unsigned long long line = 0; // 1-based; 0 when the file as a whole is refused
     char reason[160] = {};       // worded to follow "line N ", or alone for the whole file
+    // The file would be refused again as long as its stamp does not change
+    // (false for a read error or a file that changed while it was read).
+    bool lasting = false;
 };
 
 struct ParsedTagList {
     TagListStatus status = TagListStatus::CannotOpen;
     TagListRefusal refusal;           // when Refused
+    FileStamp stamp;                  // of the file opened (unset after CannotOpen)
     std::vector<TagEntry> plain;      // entry k carries tag id k
     std::vector<IndexedGroup> groups; // in file order
     uint32_t max_indexed_id = 0;      // 0 when there is no group

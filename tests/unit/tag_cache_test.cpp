@@ -1,5 +1,7 @@
 #include <cstdio>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -109,15 +111,36 @@ TEST_F(TagCacheTest, EmptyListIsAFailureOnlyForTheBatchEntry) {
     EXPECT_EQ(table->tag_num + table->max_index_id, 0u);
 }
 
-TEST_F(TagCacheTest, RefusedListLeavesCacheAndSlotsAsTheyWere) {
-    dir_.write("PLC7F000001_4.csv", "a,INT,,,,,,262144\nb,INT,,,,,,0\nc,INT,,,,,,0\n");
+TEST_F(TagCacheTest, RefusedListIsNotReadAgainUntilItsFileChanges) {
+    const std::string bad = "a,INT,,,,,,262144\nb,INT,,,,,,0\nc,INT,,,,,,0\n";
+    const std::string path = dir_.write("PLC7F000001_4.csv", bad);
+    ASSERT_EQ(mkfifo(dir_.file("PLC7F000001_5.csv").c_str(), 0600), 0);
     groupID_table[0] = 3;
     std::string out;
-    EXPECT_EQ(lookup(4, &out), nullptr);
-    EXPECT_NE(out.find(" refused: "), std::string::npos) << out;
-    EXPECT_NE(out.find(kBuildFailed), std::string::npos) << out;
+    // Each step: device, then whether the list is read (and refused) again.
+    const auto refused = [&](uint16_t device, bool read) {
+        EXPECT_EQ(lookup(device, &out), nullptr);
+        EXPECT_EQ(out.find(" refused: ") != std::string::npos, read) << out;
+        EXPECT_NE(out.find(kBuildFailed), std::string::npos) << out;
+    };
+    refused(4, true);
     EXPECT_EQ(groupID_table[0], 3u);
     EXPECT_TRUE(g_plc_tags.tables.empty());
+    refused(4, false);
+    std::remove(path.c_str()); // gone: tried again
+    refused(4, false);
+    dir_.write("PLC7F000001_4.csv", bad);
+    refused(4, true);
+    init_tag(g_plc_tags); // forgets the refusal
+    refused(4, true);
+    refused(5, true); // a FIFO is refused once, then not even opened
+    refused(5, false);
+    // A read error may pass: /proc/self/mem is a regular file that fails at 0.
+    ASSERT_EQ(symlink("/proc/self/mem", dir_.file("PLC7F000001_6.csv").c_str()), 0);
+    refused(6, true);
+    refused(6, true);
+    dir_.write("PLC7F000001_4.csv", "a,INT,,,,,,262144\nb,INT,,,,,,0\n");
+    ASSERT_NE(lookup(4, &out), nullptr) << out;
 }
 
 TEST_F(TagCacheTest, TagIdBoundsAndMessagesPerEntry) {

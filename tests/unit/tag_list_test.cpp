@@ -288,6 +288,7 @@ TEST_F(TagListTest, UnreadableFilesAreRefusedWithLineAndReason) {
         const std::string path = write(c.content);
         const ParsedTagList list = parse_tag_list(path.c_str());
         ASSERT_EQ(list.status, TagListStatus::Refused);
+        EXPECT_TRUE(list.refusal.lasting);
         EXPECT_TRUE(list.plain.empty() && list.groups.empty());
         const std::string got = "line " + std::to_string(list.refusal.line) + " " + list.refusal.reason;
         EXPECT_EQ(got.substr(0, c.reason.size()), c.reason);
@@ -314,6 +315,7 @@ TEST_F(TagListTest, OnlyRegularFilesAreOpenedAndNeverWaitedFor) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const std::string &path : {fifo, dir_.path()}) {
         EXPECT_EQ(build(path).output, "[PLC] tag list " + path + " refused: it is not a regular file\r\n");
+        EXPECT_TRUE(parse_tag_list(path.c_str()).refusal.lasting);
     }
     alarm(0);
     const std::string absent = dir_.file("absent.csv");
