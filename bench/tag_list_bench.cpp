@@ -13,6 +13,7 @@
 
 #include "bench/taglist_gen.h"
 #include "tags/tag_cache.h"
+#include "tags/tag_line.h"
 #include "tags/tag_list.h"
 
 namespace {
@@ -104,7 +105,8 @@ void BM_ParseOneLine(benchmark::State &state) {
     const char *line = "Line,Speed,REAL,[0..1_0..4],,Conveyor line speed,W100.05,ARRAY,12345\r\n";
     TagEntry entry;
     for (auto _ : state) {
-        plc::pase_str(line, &entry);
+        plc::LineReason why;
+        benchmark::DoNotOptimize(plc::pase_str(line, entry, why));
         benchmark::DoNotOptimize(entry);
     }
 }

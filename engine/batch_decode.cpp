@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "tags/cip_types.h"
-#include "tags/dim_kind.h"
+#include "tags/tag_kinds.h"
 #include "util/wire.h"
 
 namespace plc {
@@ -126,7 +126,7 @@ size_t decode_slot(wire::Reader &in, const BatchSlot &slot, const TagEntry &entr
         const size_t size = byte_rule_size(count);
         if (in.remaining() < size) return 0;
         const bool empty = entry.bits == 0 && slot.tag_id < PLC_INDEXED_TAG_BASE &&
-                           entry.dim_type == kDimString &&
+                           dim_kind(entry) == DimKind::String &&
                            string_is_empty(slot, *in.u8_at(in.pos()));
         bool ended = false;
         for (size_t j = 0; j < count; ++j) {

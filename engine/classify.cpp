@@ -81,7 +81,11 @@ Status Reg_Classify_Sort(const TagTable &table, int32_t n) {
     size_t items = 0;
     for (size_t i = 0; i < total; ++items) {
         BatchSlot &slot = OMRON_TEMP[i];
-        const TagEntry *entry = find_entry(table, slot.tag_id);
+        const TagLookup where = lookup_tag(table, slot.tag_id);
+        // An id whose group lost its block to another group is named; one
+        // outside every group is refused without a message, as ever.
+        print_unreachable_tag(table, slot.tag_id, where);
+        const TagEntry *entry = where.entry;
         if (entry == nullptr || slot.count == 0 || slot.count > total - i)
             return Status::ConfigError;
         if (is_plain_scalar(*entry) || is_bool_array(*entry)) {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "tags/cip_types.h"
-#include "tags/dim_kind.h"
+#include "tags/tag_kinds.h"
 
 namespace plc {
 
@@ -29,10 +29,10 @@ bool linear_index_fits(const TagEntry &entry, uint64_t index) {
     const int64_t d2 = dimension_width(entry.lo2, entry.hi2);
     if (d2 <= 0 || dimension_width(entry.lo1, entry.hi1) <= 0) return false;
     const auto i = static_cast<int64_t>(index);
-    if (entry.dim_type == kDimTwo) {
+    if (dim_kind(entry) == DimKind::TwoDims) {
         return entry.lo2 + i % d2 <= entry.hi2 && entry.lo1 + i / d2 <= entry.hi1;
     }
-    if (entry.dim_type == kDimThree) {
+    if (dim_kind(entry) == DimKind::ThreeDims) {
         const int64_t d3 = dimension_width(entry.lo3, entry.hi3);
         if (d3 <= 0) return false;
         const int64_t q = i / d3;
@@ -45,8 +45,8 @@ bool linear_index_fits(const TagEntry &entry, uint64_t index) {
 bool run_inside_variable(const TagEntry &entry, uint32_t element, uint32_t count) {
     if (count == 0) return false;
     const uint64_t last = uint64_t{element} + count - 1;
-    switch (entry.dim_type) {
-    case kDimOne: {
+    switch (dim_kind(entry)) {
+    case DimKind::OneDim: {
         // Below the lower bound the bit offset would wrap: such an index names
         // no element. A double-word array is declared with its bounds doubled,
         // so its last word, the high half of the last element, lies one past
@@ -55,10 +55,10 @@ bool run_inside_variable(const TagEntry &entry, uint32_t element, uint32_t count
                                                                         : entry.hi1;
         return element >= entry.lo1 && last <= last_word;
     }
-    case kDimTwo:
-    case kDimThree:
+    case DimKind::TwoDims:
+    case DimKind::ThreeDims:
         return linear_index_fits(entry, element) && linear_index_fits(entry, last);
-    case kDimString:
+    case DimKind::String:
         return last < entry.str_len;
     default:
         return true;
@@ -70,9 +70,9 @@ ItemGeometry item_geometry(const TagEntry &entry, uint32_t element, uint32_t cou
     const uint32_t w = time ? 64 : element_width(entry);
     ItemGeometry g;
     // Computed in 32-bit unsigned arithmetic as the controller reads the field.
-    if (entry.dim_type == kDimScalar || entry.bits == 1) {
+    if (dim_kind(entry) == DimKind::Scalar || entry.bits == 1) {
         g.bit_offset = 0;
-    } else if (entry.dim_type == kDimOne) {
+    } else if (dim_kind(entry) == DimKind::OneDim) {
         g.bit_offset = (element - uint32_t(entry.lo1)) * w;
     } else {
         g.bit_offset = element * w;
@@ -85,19 +85,19 @@ bool bool_element_name(const TagEntry &entry, uint32_t element, NameText &out) {
     const int len = static_cast<int>(name_length(entry));
     const int32_t e = static_cast<int32_t>(element & 0xFFFFu);
     int written = 0;
-    switch (entry.dim_type) {
-    case kDimOne:
+    switch (dim_kind(entry)) {
+    case DimKind::OneDim:
         if (dimension_width(entry.lo1, entry.hi1) <= 0 || e > entry.hi1) return false;
         written = std::snprintf(out.data(), out.size(), "%.*s[%d]", len, entry.name, e);
         break;
-    case kDimTwo: {
+    case DimKind::TwoDims: {
         if (!linear_index_fits(entry, element)) return false;
         const int32_t w2 = dimension_width(entry.lo2, entry.hi2);
         written = std::snprintf(out.data(), out.size(), "%.*s[%d,%d]", len, entry.name,
                                 entry.lo1 + e / w2, entry.lo2 + e % w2);
         break;
     }
-    case kDimThree: {
+    case DimKind::ThreeDims: {
         if (!linear_index_fits(entry, element)) return false;
         const int32_t w3 = dimension_width(entry.lo3, entry.hi3);
         const int32_t w2 = dimension_width(entry.lo2, entry.hi2);

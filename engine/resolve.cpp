@@ -6,7 +6,7 @@
 
 #include "engine/resolve_codec.h"
 #include "engine/single_request.h"
-#include "tags/dim_kind.h"
+#include "tags/tag_kinds.h"
 
 namespace plc {
 
@@ -29,7 +29,7 @@ Status find_single_target(const DriverSettings *settings, PlcRequest &request,
     const TagEntry &entry = *target.entry;
     // One element of a BOOL array is resolved by itself, by its subscripts;
     // every other request resolves the whole variable.
-    const bool by_element = data.count == 1 && entry.dim_type != kDimScalar && entry.bits == 1;
+    const bool by_element = data.count == 1 && dim_kind(entry) != DimKind::Scalar && entry.bits == 1;
     target.key = HandleKey{table->serial, target.tag_id,
                            by_element ? target.element : kWholeVariable};
     if (by_element) {

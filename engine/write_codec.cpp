@@ -9,7 +9,7 @@
 #include "eip/cip.h"
 #include "engine/element_rules.h"
 #include "tags/cip_types.h"
-#include "tags/dim_kind.h"
+#include "tags/tag_kinds.h"
 
 namespace plc {
 
@@ -66,7 +66,7 @@ void encode_bool(const TagEntry &entry, uint32_t element, const uint8_t *buffer,
 uint16_t write_bit_position(const TagEntry &entry, uint32_t element) {
     // Unsigned arithmetic: a bit number below the lower bound wraps by a
     // multiple of 16 and leaves the position modulo 16 intact.
-    const uint32_t base = entry.dim_type == kDimOne ? entry.bit_no - entry.lo1 : entry.bit_no;
+    const uint32_t base = dim_kind(entry) == DimKind::OneDim ? entry.bit_no - entry.lo1 : entry.bit_no;
     return static_cast<uint16_t>((base + element) % 16u);
 }
 

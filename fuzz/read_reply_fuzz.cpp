@@ -11,19 +11,19 @@
 #include "engine/read_codec.h"
 #include "fuzz_support.h"
 #include "tags/cip_types.h"
-#include "tags/dim_kind.h"
+#include "tags/tag_kinds.h"
 
 using namespace plc;
 
 namespace {
 
-TagEntry make(const char *name, uint16_t code, uint32_t bits, uint32_t dim, uint16_t hi1,
+TagEntry make(const char *name, uint16_t code, uint32_t bits, DimKind dim, uint16_t hi1,
               uint16_t str_len = 0) {
     TagEntry e{};
     std::strncpy(e.name, name, sizeof e.name - 1);
     e.type_code = code;
     e.bits = bits;
-    e.dim_type = dim;
+    set_dim_kind(e, dim);
     e.hi1 = hi1;
     e.str_len = str_len;
     return e;
@@ -34,14 +34,14 @@ const TagTable &table() {
         TagTable t;
         t.serial = 1;
         const TagEntry entries[] = {
-            make("Dint", kTypeDint, 32, kDimScalar, 0),
-            make("Ints", kTypeInt, 16, kDimOne, 9),
-            make("Bytes", kTypeUsint, 8, kDimOne, 9),
-            make("Flags", kTypeBool, 1, kDimOne, 15),
-            make("Up", kTypeTime, 64, kDimScalar, 0),
-            make("Text", kTypeString, 0, kDimString, 0, 12),
-            make("Day", kTypeDate, 0, kDimScalar, 0),
-            make("Long", kTypeLint, 32, kDimOne, 7),
+            make("Dint", kTypeDint, 32, DimKind::Scalar, 0),
+            make("Ints", kTypeInt, 16, DimKind::OneDim, 9),
+            make("Bytes", kTypeUsint, 8, DimKind::OneDim, 9),
+            make("Flags", kTypeBool, 1, DimKind::OneDim, 15),
+            make("Up", kTypeTime, 64, DimKind::Scalar, 0),
+            make("Text", kTypeString, 0, DimKind::String, 0, 12),
+            make("Day", kTypeDate, 0, DimKind::Scalar, 0),
+            make("Long", kTypeLint, 32, DimKind::OneDim, 7),
         };
         for (const TagEntry &e : entries) {
             t.tag_str.push_back(e);

@@ -1,9 +1,9 @@
 // Feeds arbitrary bytes through the tag list parsers as a whole file and as a
 // single line, and checks what an accepted list promises: plain tags at index
-// = tag id, groups of consecutive ids inside one id block with their slot set,
-// element checks that hold whatever bounds a line declares, and lookups that
-// find exactly the entry of the id asked for (or nothing). A refused file must
-// change nothing.
+// = tag id, groups of consecutive ids inside one id block, each block's slot
+// owned by the last group starting in it, element checks that hold whatever
+// bounds a line declares, and lookups that find exactly the entry of the id
+// asked for, or say why there is none. Parsing never touches the slots.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +15,7 @@
 
 #include "engine/element_rules.h"
 #include "tags/tag_cache.h"
+#include "tags/tag_line.h"
 #include "tags/tag_list.h"
 
 namespace {
@@ -31,7 +32,7 @@ void require(bool condition, const char *what) {
 void check_entry(const TagEntry &e) {
     require(std::memchr(e.name, '\0', sizeof e.name) != nullptr, "name terminated");
     require(e.bit_no <= 15 * 10 + 15, "bit number from two digits");
-    require(e.dim_type <= 5 && e.dim_type != 2, "known dimension kind");
+    require(plc::is_dim_kind(e.dim_type), "known dimension kind");
     // Bounds are kept as read, inverted or empty ones included: the element
     // checks of the request entries must refuse what such a dimension cannot
     // hold without dividing by a width of zero (the sanitizers watch them).
@@ -45,56 +46,61 @@ void check_entry(const TagEntry &e) {
     }
 }
 
-void check_table(const uint32_t *counts, std::vector<TagEntry> &plain,
-                 std::vector<plc::IndexedGroup> &groups, const uint8_t *data, size_t size) {
-    require(counts[0] == plain.size(), "plain count");
-    for (size_t i = 0; i < plain.size(); ++i) {
-        require(plain[i].tag_id == i, "plain tag at index = tag id");
-        check_entry(plain[i]);
+void check_parse(const plc::ParsedTagList &list, const uint8_t *data, size_t size) {
+    for (size_t i = 0; i < list.plain.size(); ++i) {
+        require(list.plain[i].tag_id == i, "plain tag at index = tag id");
+        check_entry(list.plain[i]);
     }
     uint32_t max_id = 0;
-    for (size_t g = 0; g < groups.size(); ++g) {
-        const plc::IndexedGroup &group = groups[g];
+    for (const plc::IndexedGroup &group : list.groups) {
         require(!group.tags.empty() && group.count == group.tags.size(), "group count");
         const uint32_t first = group.tags[0].tag_id;
         require(first >= PLC_INDEXED_TAG_BASE, "indexed id");
-        require(plc::groupID_table[(first >> 13) - 32] == g, "slot of the group's block");
         for (size_t i = 0; i < group.tags.size(); ++i) {
             require(group.tags[i].tag_id == first + i, "consecutive ids");
-            require((group.tags[i].tag_id >> 13) == (first >> 13), "group inside one block");
+            require(plc::id_block(group.tags[i].tag_id) == plc::id_block(first), "one block");
             check_entry(group.tags[i]);
             max_id = std::max(max_id, group.tags[i].tag_id);
         }
     }
-    require(counts[1] == max_id, "highest indexed id");
+    require(list.max_indexed_id == max_id, "highest indexed id");
+    const bool unterminated = size > 0 && data[size - 1] != '\n';
+    const size_t lines = static_cast<size_t>(std::count(data, data + size, '\n'));
+    require(list.unterminated_line == (unterminated ? lines + 1 : 0), "unterminated last line");
+}
 
-    plc::TagTable table;
-    table.tag_num = counts[0];
-    table.max_index_id = counts[1];
-    table.tag_str = std::move(plain);
-    table.indexedtag_table = std::move(groups);
+// Every id of a group is found, unless the group is shadowed: then it is
+// either reported as such, naming the owner, or (when the owner holds the
+// same id) found in the owner.
+void check_lookups(const plc::TagTable &table, const std::vector<size_t> &owners) {
     auto probe = [&table](uint32_t id) {
-        const TagEntry *e = plc::find_entry(table, id);
-        require(e == nullptr || e->tag_id == id, "lookup finds the id asked for");
-        return e;
+        const plc::TagLookup where = plc::lookup_tag(table, id);
+        require((where.entry != nullptr) == (where.status == plc::TagLookupStatus::Found),
+                "entry exactly when found");
+        require(where.entry == nullptr || where.entry->tag_id == id, "lookup finds the id asked");
+        require(where.entry == plc::find_entry(table, id), "lookup agrees with find_entry");
+        return where;
     };
     for (uint32_t id = 0; id <= table.tag_num && id < PLC_INDEXED_TAG_BASE; ++id) {
-        require((probe(id) != nullptr) == (id < table.tag_num), "every plain id found");
+        require((probe(id).entry != nullptr) == (id < table.tag_num), "every plain id found");
     }
-    for (const plc::IndexedGroup &group : table.indexedtag_table) {
+    for (size_t g = 0; g < table.indexedtag_table.size(); ++g) {
+        const plc::IndexedGroup &group = table.indexedtag_table[g];
+        const plc::IndexedGroup &owner = table.indexedtag_table[owners[g]];
         const uint32_t first = group.tags[0].tag_id;
         probe(first - 1);
         for (uint32_t i = 0; i < group.count; ++i) {
-            require(probe(first + i) != nullptr, "every indexed id found");
+            const plc::TagLookup where = probe(first + i);
+            if (owners[g] == g) {
+                require(where.status == plc::TagLookupStatus::Found, "every id of a group found");
+            } else if (where.status == plc::TagLookupStatus::Found) {
+                require(where.group == &owner, "a shadowed id found only in its owner");
+            } else {
+                require(where.status == plc::TagLookupStatus::Shadowed && where.owner == &owner,
+                        "a shadowed id names its owner");
+            }
         }
         probe(first + group.count);
-    }
-    // A few ids chosen by the input, anywhere in the id space.
-    for (size_t i = 0; i + 4 <= size && i < 64; i += 4) {
-        uint32_t id;
-        std::memcpy(&id, data + i, sizeof id);
-        probe(id);
-        probe(id & 0xFFFFFF);
     }
 }
 
@@ -116,8 +122,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The input as one line, through both line parsers.
     const std::string text(reinterpret_cast<const char *>(data), size);
     TagEntry entry;
-    plc::pase_str(text.c_str(), &entry);
-    require(std::memchr(entry.name, '\0', sizeof entry.name) != nullptr, "loose name terminated");
+    plc::LineReason why;
+    plc::pase_str(text, entry, why);
+    require(std::memchr(entry.name, '\0', sizeof entry.name) != nullptr, "name terminated");
     add_tag_pase_str(text.c_str(), &entry);
     require(std::memchr(entry.name, '\0', sizeof entry.name) != nullptr, "simple name terminated");
 
@@ -128,14 +135,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::fclose(file);
 
     const auto slots_before = plc::groupID_table;
-    std::vector<TagEntry> plain;
-    std::vector<plc::IndexedGroup> groups;
-    const uint32_t *counts = plc::build_tagtable(&plain, &groups, g_path.c_str(), plc::groupID_table);
-    if (counts == nullptr) {
-        require(plc::groupID_table == slots_before, "refused file leaves the slots");
-        require(plain.empty() && groups.empty(), "refused file stores nothing");
+    plc::ParsedTagList list = plc::parse_tag_list(g_path.c_str());
+    require(plc::groupID_table == slots_before, "parsing leaves the slots");
+    if (list.status != plc::TagListStatus::Accepted) {
+        require(list.plain.empty() && list.groups.empty(), "a refused list holds nothing");
+        require(std::memchr(list.refusal.reason, '\0', sizeof list.refusal.reason) != nullptr,
+                "reason terminated");
         return 0;
     }
-    check_table(counts, plain, groups, data, size);
+    check_parse(list, data, size);
+    std::vector<size_t> owners(list.groups.size());
+    for (size_t g = 0; g < owners.size(); ++g) owners[g] = list.block_owner(g);
+
+    plc::TagTable table;
+    const uint32_t *counts =
+        plc::publish_tag_list(list, &table.tag_str, &table.indexedtag_table, plc::groupID_table);
+    require(counts != nullptr, "an accepted list is published");
+    table.tag_num = counts[0];
+    table.max_index_id = counts[1];
+    for (size_t g = 0; g < owners.size(); ++g) {
+        const uint32_t slot = plc::group_slot(table.indexedtag_table[g].tags[0].tag_id);
+        require(plc::groupID_table[slot] == owners[g], "slot of the block's owner");
+    }
+    check_lookups(table, owners);
     return 0;
 }

@@ -8,28 +8,28 @@ namespace plc {
 // Lookups take the first match and stop at the terminator row (code 0xFFFF);
 // its empty name never equals a type text, see find_type_by_name.
 const CipType type_list[23] = {
-    {"BOOL", 1, 0xC1},
-    {"SINT", 8, 0xC2},
-    {"INT", 16, 0xC3},
-    {"DINT", 32, 0xC4},
-    {"LINT", 64, 0xC5},
-    {"USINT", 8, 0xC6},
-    {"UINT", 16, 0xC7},
-    {"UDINT", 32, 0xC8},
-    {"ULINT", 64, 0xC9},
-    {"REAL", 32, 0xCA},
-    {"LREAL", 64, 0xCB},
-    {"STIME", 0, 0xCC},
-    {"DATE", 0, 0xCD},
-    {"STRING", 0, 0xD0},
-    {"BYTE", 8, 0xD1},
-    {"WORD", 16, 0xD2},
-    {"DWORD", 32, 0xD3},
-    {"LWORD", 64, 0xD4},
-    {"STRING2", 0, 0xD5},
-    {"TIME_OF_DAY", 0, 0xCE},
-    {"DATE_AND_TIME", 0, 0xCF},
-    {"TIME", 64, 0xD6},
+    {"BOOL", 1, kTypeBool},
+    {"SINT", 8, kTypeSint},
+    {"INT", 16, kTypeInt},
+    {"DINT", 32, kTypeDint},
+    {"LINT", 64, kTypeLint},
+    {"USINT", 8, kTypeUsint},
+    {"UINT", 16, kTypeUint},
+    {"UDINT", 32, kTypeUdint},
+    {"ULINT", 64, kTypeUlint},
+    {"REAL", 32, kTypeReal},
+    {"LREAL", 64, kTypeLreal},
+    {"STIME", 0, kTypeStime},
+    {"DATE", 0, kTypeDate},
+    {"STRING", 0, kTypeString},
+    {"BYTE", 8, kTypeByte},
+    {"WORD", 16, kTypeWord},
+    {"DWORD", 32, kTypeDword},
+    {"LWORD", 64, kTypeLword},
+    {"STRING2", 0, kTypeString2},
+    {"TIME_OF_DAY", 0, kTypeTimeOfDay},
+    {"DATE_AND_TIME", 0, kTypeDateAndTime},
+    {"TIME", 64, kTypeTime},
     {"", 0, kTypeTerminator},
 };
 
@@ -84,10 +84,6 @@ const CipType *find_type_by_name(std::string_view name) {
         }
     }
     return nullptr;
-}
-
-const CipType *find_type_by_name(const char *name) {
-    return name == nullptr ? nullptr : find_type_by_name(std::string_view(name));
 }
 
 } // namespace plc

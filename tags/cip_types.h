@@ -12,6 +12,8 @@ struct CipType {
     uint16_t code;
 };
 
+// CIP data type codes, one per row of type_list. They are not in table order:
+// TIME_OF_DAY and DATE_AND_TIME come after STRING2 in the table.
 constexpr uint16_t kTypeBool = 0xC1;
 constexpr uint16_t kTypeSint = 0xC2;
 constexpr uint16_t kTypeInt = 0xC3;
@@ -34,6 +36,7 @@ constexpr uint16_t kTypeDword = 0xD3;
 constexpr uint16_t kTypeLword = 0xD4;
 constexpr uint16_t kTypeString2 = 0xD5;
 constexpr uint16_t kTypeTime = 0xD6;
+// Code of the row that ends the table; no type has it.
 constexpr uint16_t kTypeTerminator = 0xFFFF;
 
 extern const CipType type_list[23];
@@ -43,11 +46,11 @@ const char *type2str(uint32_t code);
 // Width in bits of the type with this code, or 0 with a message.
 uint32_t type2bits(uint32_t code);
 // Exact, case-sensitive name lookup; nullptr when the text names no type.
-const CipType *find_type_by_name(const char *name);
 const CipType *find_type_by_name(std::string_view name);
 // LINT, ULINT, LREAL and LWORD: presented to the host as pairs of 32-bit words.
+// TIME is as wide but is read and written whole.
 constexpr bool is_double_word_type(uint32_t code) {
-    return (code & 0xFFFDu) == kTypeUlint || code == kTypeLint || code == kTypeLword;
+    return code == kTypeLint || code == kTypeUlint || code == kTypeLreal || code == kTypeLword;
 }
 
 } // namespace plc

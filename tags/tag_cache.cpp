@@ -11,9 +11,6 @@ namespace {
 
 uint32_t next_table_serial = 0;
 
-constexpr uint32_t kIdBlockShift = 13;
-constexpr uint32_t kFirstIndexedBlock = PLC_INDEXED_TAG_BASE >> kIdBlockShift;
-
 void print_not_exist(uint32_t tag_id, const char *file_name, int line) {
     std::printf("[PLC] ");
     std::printf("tag id %u is not exist in this tag list %s", tag_id, file_name);
@@ -26,12 +23,39 @@ void print_not_exist(uint32_t tag_id, uint32_t bound, int line) {
     std::printf(", at line: %d\r\n", line);
 }
 
+// True while `name` names the very file that was refused; a refusal whose
+// file changed or went away is forgotten, and the list is read again.
+bool still_refused(TagTableCache &head, const char *name) {
+    for (auto it = head.refused.begin(); it != head.refused.end(); ++it) {
+        if (it->name != name) continue;
+        FileStamp now;
+        if (stamp_of(name, now) && now == it->stamp) return true;
+        head.refused.erase(it);
+        return false;
+    }
+    return false;
+}
+
+// Only a refusal that the same file would get again is worth remembering: a
+// file that could not be opened or read, or ran out of memory, is tried again.
+void remember_refusal(TagTableCache &head, const char *name, const ParsedTagList &list) {
+    if (list.status != TagListStatus::Refused || !list.refusal.lasting) {
+        return;
+    }
+    try {
+        head.refused.push_back(RefusedTagList{name, list.stamp});
+    } catch (const std::bad_alloc &) {
+        // Not remembered: the list is only read again next time.
+    }
+}
+
 } // namespace
 
 void init_tag(TagTableCache &head) {
     // A new initialisation reads every list again; the tables of the earlier one
     // are released here (nothing keeps a table or entry pointer across calls).
     head.tables.clear();
+    head.refused.clear();
 }
 
 int add_tagtable(TagTableCache &head, const char *name, std::vector<TagEntry> &&tag_str,
@@ -100,42 +124,6 @@ uint32_t compose_tag_id(PlcRequest &request) {
     return request.address >> 16;
 }
 
-const IndexedGroup *find_group(const TagTable &table, uint32_t tag_id) {
-    if (tag_id < PLC_INDEXED_TAG_BASE) {
-        return nullptr;
-    }
-    const uint32_t slot = (tag_id >> kIdBlockShift) - kFirstIndexedBlock;
-    if (slot >= groupID_table.size()) {
-        return nullptr;
-    }
-    // The slot may hold a group number written by another list: every step is
-    // checked, and an id outside the group it leads to is not found.
-    const uint32_t g = groupID_table[slot];
-    if (g >= table.indexedtag_table.size()) {
-        return nullptr;
-    }
-    const IndexedGroup &group = table.indexedtag_table[g];
-    if (group.tags.empty() || tag_id < group.tags[0].tag_id) {
-        return nullptr;
-    }
-    const uint32_t element = tag_id - group.tags[0].tag_id;
-    if (element >= group.count || element >= group.tags.size()) {
-        return nullptr;
-    }
-    return &group;
-}
-
-const TagEntry *find_entry(const TagTable &table, uint32_t tag_id) {
-    if (tag_id < PLC_INDEXED_TAG_BASE) {
-        return tag_id < table.tag_str.size() ? &table.tag_str[tag_id] : nullptr;
-    }
-    const IndexedGroup *group = find_group(table, tag_id);
-    if (group == nullptr) {
-        return nullptr;
-    }
-    return &group->tags[tag_id - group->tags[0].tag_id];
-}
-
 TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcRequest &request,
                                  const TagLookupLines &lines, bool batch, char *name_out) {
     char local_name[kCsvNameSize];
@@ -149,9 +137,18 @@ TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcReques
         return table;
     }
 
+    if (still_refused(g_plc_tags, name)) {
+        std::printf("[PLC] build tag table failed! at line %d\r\n", lines.build_failed);
+        return nullptr;
+    }
+
     std::vector<TagEntry> tag_str;
     std::vector<IndexedGroup> indexedtag_table;
-    const uint32_t *counts = build_tagtable(&tag_str, &indexedtag_table, name, groupID_table);
+    ParsedTagList list = parse_tag_list(name);
+    const uint32_t *counts = publish_tag_list(list, &tag_str, &indexedtag_table, groupID_table);
+    if (counts == nullptr) {
+        remember_refusal(g_plc_tags, name, list);
+    }
     // The batch entry also takes a list without any tag for a failed build.
     if (counts == nullptr || (batch && counts[0] == 0 && counts[1] == 0)) {
         std::printf("[PLC] build tag table failed! at line %d\r\n", lines.build_failed);
@@ -201,7 +198,9 @@ const TagEntry *find_request_entry(const DriverSettings *settings, const PlcRequ
     TagTable *table = find_or_build_tagtable(settings, request, lines, false, file_name);
     if (table == nullptr || !check_tag_id(*table, tag_id, file_name, lines, false)) return nullptr;
     *table_out = table;
-    return find_entry(*table, tag_id);
+    const TagLookup where = lookup_tag(*table, tag_id);
+    print_unreachable_tag(*table, tag_id, where);
+    return where.entry;
 }
 
 } // namespace plc

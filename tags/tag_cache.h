@@ -9,6 +9,7 @@
 
 #include "plc_driver_records.h"
 #include "plc_driver_tags.h"
+#include "tags/tag_file.h"
 #include "tags/tag_list.h"
 
 namespace plc {
@@ -25,9 +26,18 @@ struct TagTable {
     uint32_t max_index_id = 0;
 };
 
-// Newest table first; tables are never removed except by init_tag.
+// A tag list that was refused, and the file as it was then: while the file
+// stays the same it would only be refused again.
+struct RefusedTagList {
+    std::string name;
+    FileStamp stamp;
+};
+
+// Newest table first; tables and refusals are only forgotten by init_tag (a
+// refusal also when its file changes).
 struct TagTableCache {
     std::list<TagTable> tables;
+    std::vector<RefusedTagList> refused;
 };
 
 extern TagTableCache g_plc_tags;
@@ -46,10 +56,35 @@ uint32_t compose_tag_id(PlcRequest &request);
 inline uint32_t element_index(const PlcRequest &request) { return request.address & 0xFFFFu; }
 
 // The entry of a tag id (plain: tag_str[id]; indexed: through groupID_table),
-// or nullptr when the id is outside the table or its group.
+// or nullptr when the id is outside the table or its group, or its group is
+// shadowed.
 const TagEntry *find_entry(const TagTable &table, uint32_t tag_id);
-// The group an indexed tag id belongs to, or nullptr.
+// The group an indexed tag id is reached through, or nullptr.
 const IndexedGroup *find_group(const TagTable &table, uint32_t tag_id);
+
+enum class TagLookupStatus {
+    Found,
+    Outside,  // no entry of the table carries the id
+    Shadowed, // a group of the table holds the id, but another group owns its block
+};
+
+struct TagLookup {
+    TagLookupStatus status = TagLookupStatus::Outside;
+    const TagEntry *entry = nullptr;     // Found
+    const IndexedGroup *group = nullptr; // the table's group holding an indexed id
+    // Shadowed: the group whose number is in the id's slot, and the table it
+    // belongs to (this one, or a list built later that the cache still holds);
+    // both null when no table in sight has that group in that block.
+    const TagTable *owner_table = nullptr;
+    const IndexedGroup *owner = nullptr;
+};
+
+// Like find_entry, and tells why an id has no entry.
+TagLookup lookup_tag(const TagTable &table, uint32_t tag_id);
+
+// Prints why a shadowed tag id cannot be reached: the id, the tag list and
+// the group that took its block. Prints nothing for any other lookup.
+void print_unreachable_tag(const TagTable &table, uint32_t tag_id, const TagLookup &where);
 
 // Line numbers printed by one entry's table messages.
 struct TagLookupLines {
@@ -64,6 +99,8 @@ struct TagLookupLines {
 // Returns the table, or nullptr after printing the entry's message (the entry
 // then returns 3). `batch` selects the batch entry's rules (an empty list counts
 // as a failure). The file name is left in name_out (kCsvNameSize bytes).
+// A list refused for its contents (or for not being a regular file) is not
+// read again while its file keeps its stamp: the request fails at once.
 TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcRequest &request,
                                  const TagLookupLines &lines, bool batch, char *name_out);
 
@@ -76,8 +113,9 @@ bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
 // The whole lookup of a single read or write: the table named from the
 // settings and the request (found or built), the tag id checked against it,
 // and the entry of the tag id, with the table through table_out. Null when the
-// entry must return 3: after its message, or silently for an indexed tag
-// outside its group and before any settings were given.
+// entry must return 3: after its message (a shadowed tag id has one too), or
+// silently for an indexed tag outside its group and before any settings were
+// given.
 const TagEntry *find_request_entry(const DriverSettings *settings, const PlcRequest &request,
                                    uint32_t tag_id, const TagLookupLines &lines,
                                    TagTable **table_out);

@@ -1,4 +1,5 @@
-// Tag list files (CSV exported with the panel project) parsed into tag entries.
+// Tag list files (CSV exported with the panel project) built into the tables
+// the request entries look tags up in.
 #pragma once
 
 #include <array>
@@ -8,27 +9,29 @@
 
 #include "plc_driver_records.h"
 #include "plc_driver_tags.h"
+#include "tags/tag_kinds.h"
+#include "tags/tag_list_parse.h"
 
 namespace plc {
 
-// One group of consecutive indexed tag ids (a row of indexedtag_table).
-struct IndexedGroup {
-    uint8_t count = 0;
-    std::vector<TagEntry> tags;
-};
-
-constexpr size_t kGroupSlots = 2048;
-// Indexed-tag id block (32 + slot) -> group number of the list built last.
+// Indexed-tag id block (32 + slot) -> group number in the list built last
+// that has a group starting in that block. Shared by all lists.
 extern std::array<uint32_t, kGroupSlots> groupID_table;
 
 // Parses `path`; on success stores the arrays and returns temp_count
 // {plain tag count, highest indexed tag id}; on failure returns nullptr and
-// stores nothing.
+// stores nothing. Prints the refusal or failure, and one line per shadowed
+// group of an accepted list.
 const uint32_t *build_tagtable(std::vector<TagEntry> *entries_out,
                                std::vector<IndexedGroup> *index_out, const char *path,
                                std::array<uint32_t, kGroupSlots> &group_table);
 
-// Parses one line into a zero-filled entry; returns 0.
-int pase_str(const char *line, TagEntry *entry);
+// What build_tagtable does with a parse: prints its messages and, when the
+// list was accepted, writes the slots of its groups in file order (so the
+// group built last owns a shared block), moves the arrays out and returns
+// temp_count. nullptr, with nothing stored, otherwise.
+const uint32_t *publish_tag_list(ParsedTagList &list, std::vector<TagEntry> *entries_out,
+                                 std::vector<IndexedGroup> *index_out,
+                                 std::array<uint32_t, kGroupSlots> &group_table);
 
 } // namespace plc

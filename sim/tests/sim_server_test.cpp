@@ -4,6 +4,8 @@
 // and robustness against garbage.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -48,7 +50,9 @@ protected:
 
     SharedStore shared_;
     Stats stats_;
-    std::string stats_path_ = ::testing::TempDir() + "sim_server_stats.txt";
+    // One file per process: CTest runs the tests of this fixture side by side.
+    std::string stats_path_ =
+        ::testing::TempDir() + "sim_server_stats_" + std::to_string(::getpid()) + ".txt";
     PublishedFile stats_file_{stats_path_};
     std::unique_ptr<Server> server_;
     uint16_t port_ = 0;

@@ -1,12 +1,13 @@
-// Helpers shared by the tag dictionary tests: a scratch directory, file
-// writing, and an allocator that can be told to fail one allocation.
+// Helpers shared by the tag dictionary tests: a scratch directory, stdout
+// capture, and an allocator that can be told to fail one allocation.
 // Include from exactly one source file per test program (it replaces the
 // global operator new).
 #pragma once
 
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <new>
 #include <string>
 #include <unistd.h>
@@ -22,36 +23,29 @@ inline long g_fail_after = -1;
 struct FailAllocation {
     explicit FailAllocation(long n) { g_fail_after = n; }
     ~FailAllocation() { g_fail_after = -1; }
-    FailAllocation(const FailAllocation &) = delete;
-    FailAllocation &operator=(const FailAllocation &) = delete;
     bool fired() const { return g_fail_after < 0; }
 };
+
+inline std::string captured(const std::function<void()> &step) {
+    testing::internal::CaptureStdout();
+    step();
+    return testing::internal::GetCapturedStdout();
+}
 
 class TempDir {
 public:
     TempDir() {
         char pattern[] = "/tmp/plc_tags_XXXXXX";
-        const char *made = mkdtemp(pattern);
-        if (made == nullptr) std::abort();
-        path_ = made;
+        if (mkdtemp(pattern) == nullptr) std::abort();
+        path_ = pattern;
     }
-    ~TempDir() {
-        const std::string command = "rm -rf '" + path_ + "'";
-        if (std::system(command.c_str()) != 0) {
-            std::fprintf(stderr, "could not remove %s\n", path_.c_str());
-        }
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
+    ~TempDir() { std::filesystem::remove_all(path_); }
 
     const std::string &path() const { return path_; }
     std::string file(const std::string &name) const { return path_ + "/" + name; }
-
     std::string write(const std::string &name, const std::string &content) const {
-        const std::string full = file(name);
-        std::ofstream out(full, std::ios::binary | std::ios::trunc);
-        out << content;
-        return full;
+        std::ofstream(file(name), std::ios::binary | std::ios::trunc) << content;
+        return file(name);
     }
 
 private:
@@ -62,17 +56,13 @@ private:
 // are opened by bare name).
 class InDirectory {
 public:
-    explicit InDirectory(const std::string &dir) {
-        if (getcwd(old_, sizeof old_) == nullptr || chdir(dir.c_str()) != 0) std::abort();
+    explicit InDirectory(const std::string &dir) : old_(std::filesystem::current_path()) {
+        std::filesystem::current_path(dir);
     }
-    ~InDirectory() {
-        if (chdir(old_) != 0) std::abort();
-    }
-    InDirectory(const InDirectory &) = delete;
-    InDirectory &operator=(const InDirectory &) = delete;
+    ~InDirectory() { std::filesystem::current_path(old_); }
 
 private:
-    char old_[4096];
+    std::filesystem::path old_;
 };
 
 } // namespace tagtest
@@ -82,12 +72,8 @@ void *operator new(std::size_t size) {
         tagtest::g_fail_after = -1;
         throw std::bad_alloc();
     }
-    if (tagtest::g_fail_after > 0) {
-        --tagtest::g_fail_after;
-    }
-    if (void *p = std::malloc(size == 0 ? 1 : size)) {
-        return p;
-    }
+    if (tagtest::g_fail_after > 0) --tagtest::g_fail_after;
+    if (void *p = std::malloc(size == 0 ? 1 : size)) return p;
     throw std::bad_alloc();
 }
 
