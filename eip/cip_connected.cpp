@@ -83,7 +83,9 @@ std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &co
     const auto deadline = deadline_after_us(session.timeout_us);
     while (sent) {
         const auto size = receive_message_into(session.sock, buffers.recv, deadline);
-        if (!size) break;
+        // Bytes that are no message leave nothing to wait for on this stream:
+        // the connection is given up at once rather than after the time-out.
+        if (!size || !is_encap_command(*wire::Reader(buffers.recv.data, *size).u16_at(0))) break;
         const ConnectedReply reply = match_connected_reply(
             wire::Bytes{buffers.recv.data, *size}, connection.to_conn_id, sequence);
         if (reply.match != ReplyMatch::Other) return reply.data_item;

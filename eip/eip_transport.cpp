@@ -35,10 +35,11 @@ namespace {
 // Stale input is read into this and never looked at.
 std::array<uint8_t, kCipEmptyBuffSize> _CIPEmptyBuff;
 
-// A flood of stale input is discarded up to one encapsulation message's worth
-// per exchange; whatever lies beyond cannot be mistaken for a reply, because
-// replies are matched to their request.
-constexpr int kMaxDiscards = int(kMaxEncapMessage / kCipEmptyBuffSize) + 1;
+// Stale input is discarded until none is waiting, up to sixteen of the largest
+// messages: a peer that keeps sending beyond that is not answering requests,
+// and the discarding must end within the send's own time bound. What is left
+// cannot be taken for a reply: replies are matched to their request.
+constexpr int kMaxDiscards = int(16 * kMaxEncapMessage / kCipEmptyBuffSize);
 
 
 // Receives exactly `size` bytes before `deadline`; false when the peer closed,

@@ -16,6 +16,22 @@ std::optional<EncapHeader> ParseEncapHeader(const uint8_t *data, size_t size) {
     return h;
 }
 
+bool is_encap_command(uint16_t command) {
+    switch (command) {
+    case kEncapNop:
+    case kEncapListServices:
+    case kEncapListIdentity:
+    case kEncapListInterfaces:
+    case kEncapRegisterSession:
+    case kEncapUnRegisterSession:
+    case kEncapSendRRData:
+    case kEncapSendUnitData:
+    case kEncapIndicateStatus:
+    case kEncapCancel: return true;
+    default: return false;
+    }
+}
+
 void WriteEncapHeader(wire::Writer &out, const EncapHeader &header) {
     out.u16(header.command)
         .u16(header.length)

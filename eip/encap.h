@@ -13,6 +13,7 @@
 namespace plc {
 
 enum EncapCommand : uint16_t {
+    kEncapNop = 0x0000,
     kEncapListServices = 0x0004,
     kEncapListIdentity = 0x0063,
     kEncapListInterfaces = 0x0064,
@@ -20,7 +21,14 @@ enum EncapCommand : uint16_t {
     kEncapUnRegisterSession = 0x0066,
     kEncapSendRRData = 0x006F,
     kEncapSendUnitData = 0x0070,
+    kEncapIndicateStatus = 0x0072,
+    kEncapCancel = 0x0073,
 };
+
+// Whether a received header names a command of the protocol at all: anything
+// else means the stream has lost its framing (bytes of no message, the tail of
+// a flood), and no later header on it can be trusted.
+bool is_encap_command(uint16_t command);
 
 constexpr size_t kEncapHeaderSize = 24;
 constexpr size_t kEncapLengthAt = 2;
