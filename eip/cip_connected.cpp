@@ -89,9 +89,9 @@ std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &co
         sent = send_message(session.sock, buffers.send.data, kConnectedMrRequestAt + mr_len) >= 0;
         if (!sent) std::puts("CipSendData err\r");
     }
-    const auto deadline = deadline_after_us(session.timeout_us);
+    ReplyWait wait(session.timeout_us);
     while (sent) {
-        const auto size = receive_message_into(session.sock, buffers.recv, deadline);
+        const auto size = receive_message_into(session.sock, buffers.recv, wait);
         if (!size) break;
         const wire::Bytes message{buffers.recv.data, *size};
         size_t item = 0;
