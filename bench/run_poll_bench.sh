@@ -105,6 +105,7 @@ while IFS= read -r set; do sets+=(--set "$set"); done < <("$bench" sim-sets)
 start() {
     local log=$1
     shift
+    : >"$log" # a line left by an earlier run must not pass for this one's
     "$@" >"$log" 2>&1 &
     pids+=($!)
     for ((i = 0; i < 200; ++i)); do
