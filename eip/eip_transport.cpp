@@ -14,8 +14,12 @@
 //    the connection gives a failed send instead of killing the host process,
 //    and the host's signal mask is never touched.
 //  - A connected reply is received with as few system calls as can be: one
-//    readiness wait, then one receive of whatever is waiting, up to the whole
-//    buffer; the header and the body nearly always come together. Bytes
+//    receive that blocks (the socket's receive time-out being the reply
+//    time-out) or one readiness wait and one receive, of whatever is
+//    waiting, up to the whole buffer; the header and the body nearly always
+//    come together. A receive that ends without data (its time-out, a signal,
+//    a socket that does not block) goes on with readiness waits up to the
+//    deadline. Bytes
 //    behind the message begin the next one; those left when the exchange
 //    ends are stale input, dropped as the next send would discard them.
 //  - The reply deadline reads the clock once; the first wait takes the time
@@ -184,10 +188,15 @@ std::optional<size_t> receive_message_into(int sock, wire::MutableBytes buffer, 
             }
         }
         if (got >= want) break;
-        if (!ask_first && wait_ready(sock, POLLIN, wait.deadline, wait.now) != 1)
+        int flags = MSG_DONTWAIT;
+        if (!ask_first && wait.receive_waits) {
+            flags = 0;
+        } else if (!ask_first && wait_ready(sock, POLLIN, wait.deadline, wait.now) != 1) {
             return std::nullopt;
+        }
+        wait.receive_waits = false;
         wait.now.reset();
-        const ssize_t r = ::recv(sock, buffer.data + got, buffer.size - got, MSG_DONTWAIT);
+        const ssize_t r = ::recv(sock, buffer.data + got, buffer.size - got, flags);
         if (r > 0) {
             got += static_cast<size_t>(r);
             ask_first = true;

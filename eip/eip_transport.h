@@ -43,6 +43,9 @@ struct ReplyWait {
     explicit ReplyWait(int32_t timeout_us);
     Clock::time_point deadline;
     std::optional<Clock::time_point> now;
+    // The socket's receive time-out is the wait's own: the first receive may
+    // block for the reply instead of a readiness wait before it.
+    bool receive_waits = false;
     size_t next = 0; // the first byte behind the last message
     size_t end = 0;  // the end of what was received
 };
