@@ -29,9 +29,9 @@
 #include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,7 +43,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -394,38 +393,31 @@ private:
 };
 
 // ------------------------------------------------------------ timing
-std::pair<double, double> cpu_now() {
-    rusage ru{};
-    getrusage(RUSAGE_SELF, &ru);
-    const auto s = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) * 1e-6; };
-    return {s(ru.ru_utime), s(ru.ru_stime)};
+double thread_cpu_seconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
 }
 
-// Wall and CPU seconds of `n` calls of `op`, and each call's wall time.
-struct Block {
-    double wall = 0, user = 0, sys = 0;
-    uint64_t allocations = 0;
+// Each call's wall time, and the CPU time of all of them.
+struct Side {
     std::vector<double> each;
-};
-template <typename Op> std::optional<Block> time_block(int n, Op &&op) {
-    Block b;
-    b.each.reserve(size_t(n));
-    const auto [u0, s0] = cpu_now();
-    const uint64_t calls = g_heap.calls;
-    const auto t0 = Clock::now();
-    auto last = t0;
-    for (int i = 0; i < n; ++i) {
-        if (!op()) return std::nullopt;
-        const auto now = Clock::now();
-        b.each.push_back(std::chrono::duration<double>(now - last).count());
-        last = now;
+    double cpu = 0;
+    double sum() const {
+        double s = 0;
+        for (double w : each) s += w;
+        return s;
     }
-    b.wall = std::chrono::duration<double>(last - t0).count();
-    b.allocations = g_heap.calls - calls;
-    const auto [u1, s1] = cpu_now();
-    b.user = u1 - u0;
-    b.sys = s1 - s0;
-    return b;
+};
+
+template <typename Op> bool timed_call(Op &&op, Side &side) {
+    const double c0 = thread_cpu_seconds();
+    const auto t0 = Clock::now();
+    const bool ok = op();
+    const auto t1 = Clock::now();
+    side.cpu += thread_cpu_seconds() - c0;
+    side.each.push_back(std::chrono::duration<double>(t1 - t0).count());
+    return ok;
 }
 
 double percentile(std::vector<double> v, double p) {
@@ -433,6 +425,9 @@ double percentile(std::vector<double> v, double p) {
     return v.empty() ? 0 : v[std::min(v.size() - 1, size_t(p * double(v.size())))];
 }
 
+// Rounds of `polls` driver polls, each followed by a floor poll when there is
+// a recording: both see the same moments of a shared machine, and a round's
+// ratio is the sum of its driver polls' wall times over its floor polls'.
 int timed(int polls, int rounds, const char *recording) {
     if (!bring_up(true)) return fail("bring-up failed (is the controller listening?)");
     std::vector<PlcRequest> records = mixed_records();
@@ -440,40 +435,43 @@ int timed(int polls, int rounds, const char *recording) {
     if (poll(records) != 0 || !values_ok(records, stderr))
         return fail("the poll of the prepared set is not right");
     Floor floor;
-    if (recording != nullptr && (!floor.load(recording) || !floor.connect()))
+    const bool with_floor = recording != nullptr;
+    if (with_floor && (!floor.load(recording) || !floor.connect()))
         return fail("no floor: the recording has no read requests, or no connection");
     const auto driver_poll = [&records] { return poll(records) == 0; };
     const auto floor_poll = [&floor] { return floor.poll(); };
     for (int i = 0; i < 200; ++i) {
-        if (!driver_poll() || (recording != nullptr && !floor_poll())) return fail("warm-up failed");
+        if (!driver_poll() || (with_floor && !floor_poll())) return fail("warm-up failed");
     }
 
     std::fprintf(g_out, "round  driver us/poll  %s  driver CPU us/poll  %s\n",
-                 recording ? "floor us/poll  ratio" : "", recording ? "floor CPU us/poll" : "");
+                 with_floor ? "floor us/poll  ratio" : "", with_floor ? "floor CPU us/poll" : "");
     std::vector<double> driver_wall, floor_wall, ratios, driver_each, floor_each;
-    double driver_cpu = 0, driver_user = 0, floor_cpu = 0, floor_user = 0;
+    double driver_cpu = 0, floor_cpu = 0;
     uint64_t allocations = 0;
     for (int r = 1; r <= rounds; ++r) {
-        const auto d = time_block(polls, driver_poll);
-        if (!d) return fail("a timed poll did not return 0");
-        driver_wall.push_back(d->wall / polls);
-        driver_each.insert(driver_each.end(), d->each.begin(), d->each.end());
-        driver_cpu += d->user + d->sys;
-        driver_user += d->user;
-        allocations += d->allocations;
-        std::fprintf(g_out, "%5d  %14.1f", r, d->wall / polls * 1e6);
-        if (recording != nullptr) {
-            const auto f = time_block(polls, floor_poll);
-            if (!f) return fail("a floor exchange failed");
-            floor_wall.push_back(f->wall / polls);
-            floor_each.insert(floor_each.end(), f->each.begin(), f->each.end());
-            floor_cpu += f->user + f->sys;
-            floor_user += f->user;
-            ratios.push_back(d->wall / f->wall);
-            std::fprintf(g_out, "  %13.1f  %5.3f", f->wall / polls * 1e6, ratios.back());
+        Side d, f;
+        d.each.reserve(size_t(polls));
+        f.each.reserve(size_t(polls));
+        for (int i = 0; i < polls; ++i) {
+            const uint64_t calls = g_heap.calls;
+            if (!timed_call(driver_poll, d)) return fail("a timed poll did not return 0");
+            allocations += g_heap.calls - calls;
+            if (with_floor && !timed_call(floor_poll, f)) return fail("a floor exchange failed");
         }
-        std::fprintf(g_out, "  %17.1f", (d->user + d->sys) / polls * 1e6);
-        if (recording != nullptr) std::fprintf(g_out, "  %17.1f", floor_cpu / r / polls * 1e6);
+        driver_wall.push_back(d.sum() / polls);
+        driver_each.insert(driver_each.end(), d.each.begin(), d.each.end());
+        driver_cpu += d.cpu;
+        std::fprintf(g_out, "%5d  %14.1f", r, d.sum() / polls * 1e6);
+        if (with_floor) {
+            floor_wall.push_back(f.sum() / polls);
+            floor_each.insert(floor_each.end(), f.each.begin(), f.each.end());
+            floor_cpu += f.cpu;
+            ratios.push_back(d.sum() / f.sum());
+            std::fprintf(g_out, "  %13.1f  %5.3f", f.sum() / polls * 1e6, ratios.back());
+        }
+        std::fprintf(g_out, "  %17.1f", d.cpu / polls * 1e6);
+        if (with_floor) std::fprintf(g_out, "  %17.1f", f.cpu / polls * 1e6);
         std::fprintf(g_out, "\n");
     }
     if (!values_ok(records, stderr)) return fail("the last poll read wrong values");
@@ -482,20 +480,19 @@ int timed(int polls, int rounds, const char *recording) {
                  rounds, polls);
     std::fprintf(g_out, "  S|wall us/poll|%.1f|p50 %.1f, p99 %.1f\n", percentile(driver_wall, 0.5) * 1e6,
                  percentile(driver_each, 0.5) * 1e6, percentile(driver_each, 0.99) * 1e6);
-    std::fprintf(g_out, "  S|CPU us/poll|%.1f|user %.1f\n", driver_cpu / n * 1e6,
-                 driver_user / n * 1e6);
+    std::fprintf(g_out, "  S|CPU us/poll|%.1f|user and system, this thread\n", driver_cpu / n * 1e6);
     std::fprintf(g_out, "  S|heap allocations per poll|%.3f|%llu in %.0f polls\n",
                  double(allocations) / n, (unsigned long long)allocations, n);
-    if (recording != nullptr) {
+    if (with_floor) {
         std::fprintf(g_out, "  S|exchanges per poll|%zu|the recorded poll's read requests\n",
                      floor.exchanges());
         std::fprintf(g_out, "  S|floor us/poll|%.1f|p50 %.1f, p99 %.1f\n",
                      percentile(floor_wall, 0.5) * 1e6, percentile(floor_each, 0.5) * 1e6,
                      percentile(floor_each, 0.99) * 1e6);
-        std::fprintf(g_out, "  S|floor CPU us/poll|%.1f|user %.1f\n", floor_cpu / n * 1e6,
-                     floor_user / n * 1e6);
-        std::fprintf(g_out, "  S|ratio wall/floor|%.3f|median of the rounds' ratios; of the p50s %.3f\n",
-                     percentile(ratios, 0.5),
+        std::fprintf(g_out, "  S|floor CPU us/poll|%.1f|\n", floor_cpu / n * 1e6);
+        std::fprintf(g_out, "  S|ratio wall/floor|%.3f|median of the rounds' ratios (%.3f to %.3f); "
+                     "of the p50s %.3f\n",
+                     percentile(ratios, 0.5), percentile(ratios, 0), percentile(ratios, 1),
                      percentile(driver_each, 0.5) / percentile(floor_each, 0.5));
     }
     return 0;
