@@ -19,9 +19,9 @@
 //    waiting, up to the whole buffer; the header and the body nearly always
 //    come together. A receive that ends without data (its time-out, a signal,
 //    a socket that does not block) goes on with readiness waits up to the
-//    deadline. Bytes
-//    behind the message begin the next one; those left when the exchange
-//    ends are stale input, dropped as the next send would discard them.
+//    deadline. Bytes behind the message begin the next one; those left when
+//    the exchange ends are stale input, dropped as the next send would
+//    discard them.
 //  - The reply deadline reads the clock once; the first wait takes the time
 //    that was just read (on the panel's ARMv5 core the clock is a system call).
 
