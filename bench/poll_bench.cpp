@@ -60,8 +60,19 @@
 #include "plc_driver.h"
 
 // ------------------------------------------------------------ heap counting
-// Every allocation of the process goes through these, the driver's included:
-// the calls are counted, and the live bytes with their peak.
+// Every allocation of the process goes through the functions below, the
+// driver's included: the calls are counted, and the live bytes with their
+// peak. A sanitizer's allocator keeps its own (nothing is counted then).
+namespace {
+struct Heap {
+    uint64_t calls = 0;
+    long long live = 0;
+    long long peak = 0;
+};
+Heap g_heap;
+} // namespace
+
+#ifndef __SANITIZE_ADDRESS__
 extern "C" {
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
@@ -71,13 +82,6 @@ void __libc_free(void *);
 }
 
 namespace {
-struct Heap {
-    uint64_t calls = 0;
-    long long live = 0;
-    long long peak = 0;
-};
-Heap g_heap;
-
 void *noted(void *p) {
     if (p != nullptr) {
         ++g_heap.calls;
@@ -113,6 +117,7 @@ void *realloc(void *p, size_t n) {
     return q;
 }
 }
+#endif
 
 namespace {
 
