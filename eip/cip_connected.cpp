@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstdio>
+#include <sys/socket.h>
+#include <sys/time.h>
 
 #include "eip/cip.h"
 #include "eip/eip_packet.h"
@@ -48,6 +50,23 @@ bool frame_request(const EipSession &session, const CipConnection &connection, u
     return out.ok() && out.size() == kConnectedMrRequestAt;
 }
 
+// Gives the session's socket a receive time-out equal to its reply time-out,
+// once per socket: the first wait for each reply is then the receive itself,
+// a system call fewer per exchange. False when the socket has none.
+bool receive_timeout_is_reply_timeout(EipSession &session) {
+    if (session.timeout_us <= 0) return false;
+    if (session.receive_timeout_sock == session.sock &&
+        session.receive_timeout_us == session.timeout_us)
+        return true;
+    timeval t{};
+    t.tv_sec = session.timeout_us / 1000000;
+    t.tv_usec = session.timeout_us % 1000000;
+    if (::setsockopt(session.sock, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t) != 0) return false;
+    session.receive_timeout_sock = session.sock;
+    session.receive_timeout_us = session.timeout_us;
+    return true;
+}
+
 } // namespace
 
 ConnectedReply match_connected_reply(wire::Bytes message, uint32_t to_conn_id, uint16_t sequence) {
@@ -80,9 +99,10 @@ std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &co
         sent = send_message(session.sock, buffers.send.data, kConnectedMrRequestAt + mr_len) >= 0;
         if (!sent) std::puts("CipSendData err\r");
     }
-    const auto deadline = deadline_after_us(session.timeout_us);
+    ReplyWait wait(session.timeout_us);
+    wait.receive_waits = sent && receive_timeout_is_reply_timeout(session);
     while (sent) {
-        const auto size = receive_message_into(session.sock, buffers.recv, deadline);
+        const auto size = receive_message_into(session.sock, buffers.recv, wait);
         // Bytes that are no message leave nothing to wait for on this stream:
         // the connection is given up at once rather than after the time-out.
         if (!size || !is_encap_command(*wire::Reader(buffers.recv.data, *size).u16_at(0))) break;

@@ -18,6 +18,11 @@ struct EipSession {
     uint32_t handle = 0;
     std::array<uint8_t, 8> sender_context{};
     int32_t timeout_us = 0;
+    // The receive time-out (SO_RCVTIMEO) last given to a socket, and which
+    // one: while it is the reply time-out, a connected exchange waits for its
+    // reply inside the receive itself.
+    int32_t receive_timeout_sock = -1;
+    int32_t receive_timeout_us = 0;
 };
 
 std::unique_ptr<EipSession> _OpenSession(const char *host, uint16_t port, int buffer_size,

@@ -13,14 +13,23 @@
 //  - Our own sends never raise SIGPIPE (MSG_NOSIGNAL): a controller that drops
 //    the connection gives a failed send instead of killing the host process,
 //    and the host's signal mask is never touched.
-//  - A body is first asked for without waiting: it nearly always arrives with
-//    its header, and the extra readiness wait would cost a system call per
-//    exchange on the panel's slow CPU.
+//  - A connected reply is received with as few system calls as can be: one
+//    receive that blocks (the socket's receive time-out being the reply
+//    time-out) or one readiness wait and one receive, of whatever is
+//    waiting, up to the whole buffer; the header and the body nearly always
+//    come together. A receive that ends without data (its time-out, a signal,
+//    a socket that does not block) goes on with readiness waits up to the
+//    deadline. Bytes behind the message begin the next one; those left when
+//    the exchange ends are stale input, dropped as the next send would
+//    discard them.
+//  - The reply deadline reads the clock once; the first wait takes the time
+//    that was just read (on the panel's ARMv5 core the clock is a system call).
 
 #include "eip/eip_transport.h"
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <new>
 #include <poll.h>
@@ -78,9 +87,11 @@ bool SkipExact(int sock, size_t size, Clock::time_point deadline) {
 
 } // namespace
 
-int wait_ready(int sock, short events, Clock::time_point deadline) {
+int wait_ready(int sock, short events, Clock::time_point deadline,
+               std::optional<Clock::time_point> now) {
     for (;;) {
-        const auto left = deadline - Clock::now();
+        const auto left = deadline - (now ? *now : Clock::now());
+        now.reset();
         const auto left_ns =
             left.count() > 0 ? std::chrono::duration_cast<std::chrono::nanoseconds>(left).count()
                              : 0;
@@ -98,6 +109,10 @@ Clock::time_point deadline_after_us(int32_t timeout_us) {
     // A negative time-out makes no sense for a wait; it only polls.
     return Clock::now() + std::chrono::microseconds(timeout_us > 0 ? timeout_us : 0);
 }
+
+ReplyWait::ReplyWait(int32_t timeout_us)
+    : deadline(deadline_after_us(timeout_us)),
+      now(deadline - std::chrono::microseconds(timeout_us > 0 ? timeout_us : 0)) {}
 
 long send_message(int sock, const uint8_t *message, size_t size) {
     // The header's length says how much goes out; a message that does not hold
@@ -149,20 +164,54 @@ std::optional<EipMessage> CipRecvData(int sock, int32_t timeout_us) {
     }
 }
 
-std::optional<size_t> receive_message_into(int sock, wire::MutableBytes buffer,
-                                           Clock::time_point deadline) {
+std::optional<size_t> receive_message_into(int sock, wire::MutableBytes buffer, ReplyWait &wait) {
     if (buffer.data == nullptr || buffer.size < kEncapHeaderSize) return std::nullopt;
-    if (!RecvExact(sock, buffer.data, kEncapHeaderSize, deadline, true)) return std::nullopt;
-    const auto length = wire::Reader(buffer.data, kEncapHeaderSize).u16_at(kEncapLengthAt);
-    if (!length) return std::nullopt;
-    if (*length > buffer.size - kEncapHeaderSize) {
-        SkipExact(sock, *length, deadline);
-        return std::nullopt;
+    size_t got = 0;
+    if (wait.end > wait.next && wait.end <= buffer.size) {
+        got = wait.end - wait.next;
+        std::memmove(buffer.data, buffer.data + wait.next, got);
     }
-    if (*length > 0 &&
-        !RecvExact(sock, buffer.data + kEncapHeaderSize, *length, deadline, false))
-        return std::nullopt;
-    return kEncapHeaderSize + *length;
+    wait.next = wait.end = 0;
+    size_t want = kEncapHeaderSize;
+    bool framed = false;
+    // Nothing has been received yet: the reply is never there the moment its
+    // request has left, so the first receive waits first.
+    bool ask_first = got > 0;
+    for (;;) {
+        if (!framed && got >= kEncapHeaderSize) {
+            framed = true;
+            const uint16_t length = *wire::Reader(buffer.data, got).u16_at(kEncapLengthAt);
+            want = kEncapHeaderSize + length;
+            if (want > buffer.size) {
+                // Skipped whole, so that the stream stays framed on the next one.
+                SkipExact(sock, want - got, wait.deadline);
+                return std::nullopt;
+            }
+        }
+        if (got >= want) break;
+        int flags = MSG_DONTWAIT;
+        if (!ask_first && wait.receive_waits) {
+            flags = 0;
+        } else if (!ask_first && wait_ready(sock, POLLIN, wait.deadline, wait.now) != 1) {
+            return std::nullopt;
+        }
+        wait.receive_waits = false;
+        wait.now.reset();
+        const ssize_t r = ::recv(sock, buffer.data + got, buffer.size - got, flags);
+        if (r > 0) {
+            got += static_cast<size_t>(r);
+            ask_first = true;
+        } else if (r == 0) {
+            return std::nullopt;
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            ask_first = false;
+        } else if (errno != EINTR) {
+            return std::nullopt;
+        }
+    }
+    wait.next = want;
+    wait.end = got;
+    return want;
 }
 
 long _CIPEmptyBuffer(int sock) {

@@ -92,8 +92,7 @@ Status Reg_Classify_Sort(const TagTable &table, int32_t n) {
             // A scalar, or a BOOL element prepared by its own name, is exactly
             // one element: a record asking for more lies outside the variable.
             if (slot.count != 1) return Status::ConfigError;
-            NameText name;
-            if (is_bool_array(*entry) && !bool_element_name(*entry, slot.element, name))
+            if (is_bool_array(*entry) && !bool_element_inside(*entry, slot.element))
                 return Status::ConfigError;
             ++i;
             continue;

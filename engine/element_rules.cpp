@@ -81,24 +81,37 @@ ItemGeometry item_geometry(const TagEntry &entry, uint32_t element, uint32_t cou
     return g;
 }
 
+// The longest name with three subscripts of eleven characters each fits, so
+// the bounds alone decide whether an element has a name.
+static_assert(sizeof(TagEntry::name) + 3 * 11 + 4 < kInitNameSize);
+
+bool bool_element_inside(const TagEntry &entry, uint32_t element) {
+    switch (dim_kind(entry)) {
+    case DimKind::OneDim:
+        return dimension_width(entry.lo1, entry.hi1) > 0 &&
+               static_cast<int32_t>(element & 0xFFFFu) <= entry.hi1;
+    case DimKind::TwoDims:
+    case DimKind::ThreeDims: return linear_index_fits(entry, element);
+    default: return true;
+    }
+}
+
 bool bool_element_name(const TagEntry &entry, uint32_t element, NameText &out) {
+    if (!bool_element_inside(entry, element)) return false;
     const int len = static_cast<int>(name_length(entry));
     const int32_t e = static_cast<int32_t>(element & 0xFFFFu);
     int written = 0;
     switch (dim_kind(entry)) {
     case DimKind::OneDim:
-        if (dimension_width(entry.lo1, entry.hi1) <= 0 || e > entry.hi1) return false;
         written = std::snprintf(out.data(), out.size(), "%.*s[%d]", len, entry.name, e);
         break;
     case DimKind::TwoDims: {
-        if (!linear_index_fits(entry, element)) return false;
         const int32_t w2 = dimension_width(entry.lo2, entry.hi2);
         written = std::snprintf(out.data(), out.size(), "%.*s[%d,%d]", len, entry.name,
                                 entry.lo1 + e / w2, entry.lo2 + e % w2);
         break;
     }
     case DimKind::ThreeDims: {
-        if (!linear_index_fits(entry, element)) return false;
         const int32_t w3 = dimension_width(entry.lo3, entry.hi3);
         const int32_t w2 = dimension_width(entry.lo2, entry.hi2);
         const int32_t q = e / w3;

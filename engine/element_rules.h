@@ -52,6 +52,9 @@ using NameText = std::array<char, kInitNameSize>;
 // ("Flags[4]", "Grid[1,3]", "Cube[0,2,1]"): false when the element lies
 // outside the array or a dimension holds nothing.
 bool bool_element_name(const TagEntry &entry, uint32_t element, NameText &out);
+// Whether bool_element_name gives that element a name, without writing it:
+// the batch checks every BOOL element of every poll.
+bool bool_element_inside(const TagEntry &entry, uint32_t element);
 // The variable's own name into `out`.
 void variable_name(const TagEntry &entry, NameText &out);
 

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 
 namespace plc {
 
@@ -38,9 +37,19 @@ struct DataNode {
     VarHandle handle{};
 };
 
+// Open addressing with linear probing over a power-of-two number of slots,
+// at most half of them used: a lookup is a mask and a short walk, with no
+// division (a library call on the panel's CPU) and no pointer chase, and
+// the whole store is one allocation.
 struct DataLink {
+    struct Slot {
+        HandleKey key;
+        DataNode node;
+        bool used = false;
+    };
     uint32_t count = 0; // handles stored
-    std::unordered_map<HandleKey, DataNode, HandleKeyHash> nodes;
+    uint32_t mask = 0;  // slots - 1; no slots while nothing is stored
+    std::unique_ptr<Slot[]> slots;
 };
 
 extern std::unique_ptr<DataLink> INIT_RET_DATA;
