@@ -154,19 +154,14 @@ size_t decode_slot(wire::Reader &in, const BatchSlot &slot, const TagEntry &entr
 
 } // namespace
 
-Status decode_batch_values(wire::Bytes area, const BatchSlot *slots, size_t n,
-                           const TagTable &table, PlcRequest *records) {
+Status decode_batch_values(wire::Bytes area, const BatchPlan &plan, PlcRequest *records) {
     wire::Reader in(area);
     TimeText text; // written whole by format_time_text before it is read
-    for (size_t i = 0; i < n;) {
-        const BatchSlot &slot = slots[i];
-        const TagEntry *entry = find_entry(table, slot.tag_id);
-        // The classification never produces these; a slot of count 0 would
-        // stall the walk and one reaching past the records would overrun them.
-        if (entry == nullptr || slot.count == 0 || slot.count > n - i) return Status::ConfigError;
-        const size_t written = decode_slot(in, slot, *entry, records + i, text);
-        if (written == 0) return Status::CommFailure;
-        i += written;
+    for (size_t k = 0; k < plan.items; ++k) {
+        const PlannedItem &item = plan.item[k];
+        if (decode_slot(in, item.run, *item.entry, records + item.first_record, text) !=
+            item.run.count)
+            return Status::CommFailure;
     }
     return Status::Ok;
 }

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "engine/classify.h"
+#include "engine/batch_plan.h"
 #include "plc_driver_records.h"
 #include "tags/tag_cache.h"
 #include "util/status.h"
@@ -38,12 +38,11 @@ size_t format_time_text(uint64_t nanoseconds, TimeText &text);
 // in the low byte; 0 past the text and past the buffer.
 uint32_t time_text_unit(const TimeText &text, uint32_t unit);
 
-// Decodes the value area into records[0..n) following the slots' runs: Ok
-// when every record was written; ConfigError for a tag id without an entry;
-// CommFailure for a type without a decoding, or when the area holds fewer
-// bytes than the slots need (the caller then reports the connection broken).
-// Records of slots before a failing one have been written. Allocates nothing.
-Status decode_batch_values(wire::Bytes area, const BatchSlot *slots, size_t n,
-                           const TagTable &table, PlcRequest *records);
+// Decodes the value area into the records of the plan's items, item after
+// item: Ok when every record was written; CommFailure for a type without a
+// decoding, or when the area holds fewer bytes than the items need (the
+// caller then reports the connection broken). Records of items before a
+// failing one have been written. Allocates nothing.
+Status decode_batch_values(wire::Bytes area, const BatchPlan &plan, PlcRequest *records);
 
 } // namespace plc

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "engine/batch_decode.h"
-#include "engine/classify.h"
 #include "engine/read_codec.h"
 
 namespace plc {
@@ -21,28 +20,19 @@ struct ValueArea {
     size_t size = 0;
 };
 
-// Fills items[0..count) from the slots from `s` on: handle, offset, length.
-// Advances `s` past the slots the items cover and adds their value bytes to
-// `needed`.
-Status collect_items(const TagTable &table, size_t &s, size_t slots, ReadItem *items,
-                     size_t count, size_t &needed) {
+// Items [first, first + count) of the plan with their handles; the value
+// bytes they need are added to `needed`.
+Status collect_items(const BatchPlan &plan, size_t first, size_t count, ReadItem *items,
+                     size_t &needed) {
     for (size_t k = 0; k < count; ++k) {
-        // The classification forms exactly reg_interact_num items over the
-        // slots; running out of them means the tables do not belong together.
-        if (s >= slots || OMRON_TEMP[s].count == 0) return Status::ConfigError;
-        const BatchSlot &slot = OMRON_TEMP[s];
-        const TagEntry *entry = find_entry(table, slot.tag_id);
-        if (entry == nullptr) return Status::ConfigError;
-        if (copy_from_link(INIT_RET_DATA.get(), slot_handle_key(table, *entry, slot),
-                           items[k].handle) != 0) {
+        const PlannedItem &planned = plan.item[first + k];
+        if (copy_from_link(INIT_RET_DATA.get(), planned.key, items[k].handle) != 0) {
             std::printf("copy_from_link error\r\n");
             return Status::CommFailure;
         }
-        const ItemGeometry geometry = item_geometry(*entry, slot.element, slot.count);
-        items[k].bit_offset = geometry.bit_offset;
-        items[k].bit_length = geometry.bit_length;
-        needed += item_value_bytes(geometry.bit_length);
-        s += slot.count;
+        items[k].bit_offset = planned.geometry.bit_offset;
+        items[k].bit_length = planned.geometry.bit_length;
+        needed += item_value_bytes(planned.geometry.bit_length);
     }
     return Status::Ok;
 }
@@ -71,23 +61,22 @@ Status read_items(ControllerLink &link, const ReadItem *items, size_t count, siz
 
 } // namespace
 
-Status OMRON_INTERACT(ControllerLink &link, const TagTable &table, PlcRequest *records,
-                      int32_t count) {
-    const size_t slots = std::min(static_cast<size_t>(std::max(count, 0)), OMRON_TEMP.size());
+Status OMRON_INTERACT(ControllerLink &link, const BatchPlan &plan, PlcRequest *records) {
     ValueArea area;
-    size_t s = 0; // slot of the next item, running on from request to request
-    for (size_t done = 0; done < reg_interact_num;) {
-        const size_t batch = std::min<size_t>(kItemsPerRequest, reg_interact_num - done);
+    for (size_t done = 0; done < plan.items;) {
+        const size_t batch = std::min<size_t>(kItemsPerRequest, plan.items - done);
         std::array<ReadItem, kItemsPerRequest> items;
         size_t needed = 0;
-        Status status = collect_items(table, s, slots, items.data(), batch, needed);
+        Status status = collect_items(plan, done, batch, items.data(), needed);
         if (status == Status::Ok) status = read_items(link, items.data(), batch, needed, area);
-        if (status == Status::CommFailure) link.mark_down();
-        if (status != Status::Ok) return status;
+        if (status != Status::Ok) {
+            link.mark_down();
+            return status;
+        }
         done += batch;
     }
-    const Status status = decode_batch_values(wire::Bytes{area.bytes.data(), area.size},
-                                              OMRON_TEMP.data(), slots, table, records);
+    const Status status =
+        decode_batch_values(wire::Bytes{area.bytes.data(), area.size}, plan, records);
     if (status == Status::CommFailure) link.mark_down();
     return status;
 }

@@ -13,6 +13,10 @@ namespace {
 
 constexpr TagLookupLines kBatchLines{2550, 2556, 2572, 2577};
 
+// The plan of a batch that no remembered set holds; kept with the module's
+// other batch tables rather than on the host's stack.
+BatchPlan fresh_plan;
+
 // The tag list of the batch, with every record's tag id checked against it.
 const TagTable *batch_table(const DriverSettings *settings, PlcRequest *requests,
                             int32_t count) {
@@ -40,20 +44,42 @@ Status batch_read(ControllerLink &link, const DriverSettings *settings, PlcReque
     unpack_batch_records(requests, count, key);
     const TagTable *table = batch_table(settings, requests, count);
     if (table == nullptr) return Status::ConfigError;
-    // A batch with a record that cannot be valid is refused like an unknown
-    // tag id: before the connection is rebuilt or anything is sent.
-    if (Reg_Classify_Sort(*table, count) != Status::Ok) return Status::ConfigError;
+    const size_t n = static_cast<size_t>(count);
+
+    // A remembered set whose plan was made from this table for records with
+    // these count fields was checked and folded when it was made: it passes
+    // and folds the same way now. Any other batch is checked here, and one
+    // with a record that cannot be valid is refused like an unknown tag id:
+    // before the connection is rebuilt or anything is sent.
+    const RegLink *set = Query_node(node.get(), key);
+    const bool planned = set != nullptr && plan_fits(set->plan, table->serial, requests, n);
+    if (planned) {
+        apply_batch_plan(set->plan);
+    } else if (Reg_Classify_Sort(*table, count) != Status::Ok) {
+        return Status::ConfigError;
+    }
 
     if (!connection_ready(link)) return Status::CommFailure;
-    // A set is remembered only once its variables are prepared on this
-    // connection; a set whose preparation failed is prepared again next time.
-    if (Query_node(node.get(), key) != 1 || label_reupdata == 1) {
+    // A rebuilt connection forgot every set. A set is remembered only once its
+    // variables are prepared on this connection; a set whose preparation
+    // failed is prepared again by its next call.
+    RegLink *kept = Query_node(node.get(), key);
+    const BatchPlan *plan = kept != nullptr && planned ? &kept->plan : nullptr;
+    if (plan == nullptr) {
+        make_batch_plan(*table, requests, count, fresh_plan);
+        plan = &fresh_plan;
+    }
+    if (kept == nullptr || label_reupdata == 1) {
         list_init_tags(*table, count);
         if (const Status s = OMRON_INIT_REQ(link, *table); s != Status::Ok) return s;
         label_reupdata = 0;
-        build_node(node, key);
     }
-    return OMRON_INTERACT(link, *table, requests, count);
+    if (kept == nullptr) {
+        build_node(node, key, fresh_plan);
+    } else if (plan == &fresh_plan) {
+        kept->plan = fresh_plan; // made for other count fields or another table
+    }
+    return OMRON_INTERACT(link, *plan, requests);
 }
 
 } // namespace plc

@@ -126,9 +126,39 @@ void list_init_tags(const TagTable &table, int32_t n) {
     reg_init_num = static_cast<uint32_t>(k);
 }
 
-HandleKey slot_handle_key(const TagTable &table, const TagEntry &entry, const BatchSlot &slot) {
-    return HandleKey{table.serial, slot.tag_id, is_bool_array(entry) ? slot.element
-                                                                     : kWholeVariable};
+bool plan_fits(const BatchPlan &plan, uint32_t table_serial, const PlcRequest *records,
+               size_t n) {
+    if (plan.table_serial != table_serial || plan.records != n) return false;
+    for (size_t i = 0; i < n; ++i) {
+        if (plan.record_counts[i] != records[i].count) return false;
+    }
+    return true;
+}
+
+void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n,
+                     BatchPlan &plan) {
+    const size_t total = std::min(static_cast<size_t>(std::max(n, 0)), kBatchCapacity);
+    plan.table_serial = table.serial;
+    plan.records = static_cast<uint16_t>(total);
+    for (size_t i = 0; i < total; ++i) plan.record_counts[i] = records[i].count;
+    size_t k = 0;
+    for (size_t i = 0; i < total; i += OMRON_TEMP[i].count, ++k) {
+        PlannedItem &item = plan.item[k];
+        item.run = OMRON_TEMP[i];
+        item.first_record = static_cast<uint16_t>(i);
+        item.entry = find_entry(table, item.run.tag_id);
+        item.key = HandleKey{table.serial, item.run.tag_id,
+                             is_bool_array(*item.entry) ? item.run.element : kWholeVariable};
+        item.geometry = item_geometry(*item.entry, item.run.element, item.run.count);
+    }
+    plan.items = static_cast<uint16_t>(k);
+}
+
+void apply_batch_plan(const BatchPlan &plan) {
+    for (size_t k = 0; k < plan.items; ++k) {
+        OMRON_TEMP[plan.item[k].first_record].count = plan.item[k].run.count;
+    }
+    reg_interact_num = plan.items;
 }
 
 } // namespace plc

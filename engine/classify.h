@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "engine/batch_plan.h"
 #include "engine/element_rules.h"
 #include "engine/handle_store.h"
 #include "engine/request_set_cache.h"
@@ -16,15 +17,7 @@
 
 namespace plc {
 
-constexpr size_t kBatchCapacity = 100; // records per batch call
 constexpr uint16_t kMaxRunLength = 50; // slots folded into one read item at most
-
-// One request of the current batch.
-struct BatchSlot {
-    uint32_t tag_id = 0;
-    uint32_t element = 0;
-    uint16_t count = 0; // records this slot stands for; raised when a run is folded in
-};
 
 // One variable to prepare, with the request it was made from.
 struct InitTagEntry {
@@ -64,7 +57,13 @@ Status Reg_Classify_Sort(const TagTable &table, int32_t n);
 // (reg_init_num), each once, in the order of their first request.
 void list_init_tags(const TagTable &table, int32_t n);
 
-// The handle key of the item that slot heads.
-HandleKey slot_handle_key(const TagTable &table, const TagEntry &entry, const BatchSlot &slot);
+// The plan of the batch folded in OMRON_TEMP[0..n) for the records it came
+// from (after Reg_Classify_Sort accepted it).
+void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n,
+                     BatchPlan &plan);
+
+// Puts the folds of a remembered plan into OMRON_TEMP and reg_interact_num,
+// as Reg_Classify_Sort would make them.
+void apply_batch_plan(const BatchPlan &plan);
 
 } // namespace plc

@@ -39,7 +39,7 @@ std::unique_ptr<RegLink> create_link() {
     return std::unique_ptr<RegLink>(new (std::nothrow) RegLink());
 }
 
-int build_node(std::unique_ptr<RegLink> &head, const RequestSetKey &key) {
+int build_node(std::unique_ptr<RegLink> &head, const RequestSetKey &key, const BatchPlan &plan) {
     // A node holds at most one batch; a larger set is never remembered.
     if (key.pairs > kRequestSetCapacity) return -1;
     if (!head && !(head = create_link())) return -1;
@@ -49,19 +49,21 @@ int build_node(std::unique_ptr<RegLink> &head, const RequestSetKey &key) {
     set->hash = key.hash;
     std::copy_n(key.elements.begin(), key.pairs, set->elements.begin());
     std::copy_n(key.tag_ids.begin(), key.pairs, set->tag_ids.begin());
+    set->plan = plan;
     set->next = std::move(head->next);
     head->next = std::move(set);
     ++head->set_counter;
     return 0;
 }
 
-int Query_node(const RegLink *head, const RequestSetKey &key) {
-    if (head == nullptr) return 0;
-    for (const RegLink *set = head->next.get(); set != nullptr; set = set->next.get()) {
-        if (same_pairs(*set, key)) return 1;
+RegLink *Query_node(const RegLink *head, const RequestSetKey &key) {
+    if (head == nullptr) return nullptr;
+    for (RegLink *set = head->next.get(); set != nullptr; set = set->next.get()) {
+        if (same_pairs(*set, key)) return set;
     }
-    return 0;
+    return nullptr;
 }
+
 
 int free_reg_link(std::unique_ptr<RegLink> &head) {
     if (!head) return -1;

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "engine/batch_plan.h"
+
 namespace plc {
 
 // A batch carries at most this many records, so a set holds at most this many pairs.
@@ -32,6 +34,7 @@ struct RegLink {
     uint32_t hash = 0;
     std::array<uint32_t, kRequestSetCapacity> elements{};
     std::array<uint32_t, kRequestSetCapacity> tag_ids{};
+    BatchPlan plan; // how the set was checked, folded and read when it was prepared
     std::unique_ptr<RegLink> next;
 
     RegLink() = default;
@@ -48,14 +51,15 @@ extern std::unique_ptr<RegLink> node;
 // A new head with its counter and link cleared, or nullptr when memory is short.
 std::unique_ptr<RegLink> create_link();
 
-// Remembers the set behind the head (made when missing): 0, or -1 when memory
-// is short (the list is unchanged, and the set is simply prepared again).
-int build_node(std::unique_ptr<RegLink> &head, const RequestSetKey &key);
+// Remembers the set with its plan behind the head (made when missing): 0, or
+// -1 when memory is short (the list is unchanged, and the set is simply
+// prepared again).
+int build_node(std::unique_ptr<RegLink> &head, const RequestSetKey &key, const BatchPlan &plan);
 
-// 1 when the set is remembered, else 0. Sets are remembered only once their
-// variables have been prepared, so a set whose preparation failed is prepared
-// again by its next call.
-int Query_node(const RegLink *head, const RequestSetKey &key);
+// The remembered set with these pairs, or nullptr. Sets are remembered only
+// once their variables have been prepared, so a set whose preparation failed
+// is prepared again by its next call.
+RegLink *Query_node(const RegLink *head, const RequestSetKey &key);
 
 // -1 for an empty pointer; otherwise frees every set node and the head, leaves
 // the pointer empty and returns 0.

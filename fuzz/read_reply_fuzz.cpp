@@ -70,20 +70,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     unpack_batch_records(records.data(), int32_t(n), key);
     if (Reg_Classify_Sort(table(), int32_t(n)) != Status::Ok) return 0;
 
+    static BatchPlan plan;
+    make_batch_plan(table(), records.data(), int32_t(n), plan);
     size_t needed = 0;
-    for (size_t i = 0; i < n; i += OMRON_TEMP[i].count) {
-        const BatchSlot &slot = OMRON_TEMP[i];
-        const TagEntry &entry = *find_entry(table(), slot.tag_id);
-        needed += item_value_bytes(item_geometry(entry, slot.element, slot.count).bit_length);
-    }
+    for (size_t k = 0; k < plan.items; ++k) needed += item_value_bytes(plan.item[k].geometry.bit_length);
     const size_t head = 1 + 2 * n;
     wire::Bytes values;
     const ReplyCheck check =
         parse_read_reply(wire::Bytes{data + head, size - head}, reg_interact_num, needed, values);
     if (check != ReplyCheck::Ok) return 0;
     fuzz::require(values.size == needed && fuzz::inside(values, data, size), "exactly the values");
-    fuzz::require(decode_batch_values(values, OMRON_TEMP.data(), n, table(), records.data()) ==
-                      Status::Ok,
+    fuzz::require(decode_batch_values(values, plan, records.data()) == Status::Ok,
                   "the values of every item decode");
     return 0;
 }

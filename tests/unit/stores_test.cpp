@@ -59,15 +59,16 @@ RequestSetKey key_of(std::initializer_list<std::pair<uint32_t, uint32_t>> pairs)
 
 TEST(RequestSetCache, OnlyTheSamePairsInTheSameOrderAreTheSameSet) {
     std::unique_ptr<RegLink> head;
+    const auto plan = std::make_unique<BatchPlan>();
     const RequestSetKey set = key_of({{1, 0}, {2, 5}});
-    EXPECT_EQ(Query_node(head.get(), set), 0);
-    ASSERT_EQ(build_node(head, set), 0);
-    EXPECT_EQ(Query_node(head.get(), set), 1);
-    EXPECT_EQ(Query_node(head.get(), key_of({{2, 5}, {1, 0}})), 0) << "order counts";
-    EXPECT_EQ(Query_node(head.get(), key_of({{1, 0}})), 0) << "a prefix is another set";
-    EXPECT_EQ(Query_node(head.get(), key_of({{1, 5}, {2, 0}})), 0) << "pairing counts";
-    ASSERT_EQ(build_node(head, key_of({})), 0);
-    EXPECT_EQ(Query_node(head.get(), key_of({})), 1);
+    EXPECT_EQ(Query_node(head.get(), set), nullptr);
+    ASSERT_EQ(build_node(head, set, *plan), 0);
+    EXPECT_NE(Query_node(head.get(), set), nullptr);
+    EXPECT_EQ(Query_node(head.get(), key_of({{2, 5}, {1, 0}})), nullptr) << "order counts";
+    EXPECT_EQ(Query_node(head.get(), key_of({{1, 0}})), nullptr) << "a prefix is another set";
+    EXPECT_EQ(Query_node(head.get(), key_of({{1, 5}, {2, 0}})), nullptr) << "pairing counts";
+    ASSERT_EQ(build_node(head, key_of({}), *plan), 0);
+    EXPECT_NE(Query_node(head.get(), key_of({})), nullptr);
     EXPECT_EQ(head->set_counter, 2);
     EXPECT_EQ(free_reg_link(head), 0);
     EXPECT_EQ(head, nullptr);
