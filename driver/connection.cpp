@@ -28,6 +28,7 @@ namespace {
 
 constexpr int kSessionBufferSize = 1024;
 constexpr int32_t kSessionTimeoutUs = 10000000;
+constexpr int32_t kAbandonReplyTimeoutUs = 1000000;
 constexpr uint32_t kToConnectionId = 0x9D9D0029;
 constexpr uint32_t kRpiArgument = 7236;
 constexpr size_t kSessionFileNameSize = 32;
@@ -61,14 +62,23 @@ void session_file_name(char (&name)[kSessionFileNameSize]) {
     std::snprintf(name, sizeof name, "session_%d.dat", static_cast<int>(deviceport));
 }
 
+// The Forward_Close of a connection that is being given up: the connection
+// goes whatever the controller answers, and one that stopped answering would
+// otherwise hold the host for a whole reply time-out before the rebuild even
+// starts. The request is the same; only the wait for its answer is shorter
+// (a controller that answers does so within milliseconds).
+void close_abandoned_connection() {
+    if (!connection) return;
+    if (session) session->timeout_us = kAbandonReplyTimeoutUs;
+    Forward_Close(std::move(connection));
+    connection.reset();
+}
+
 // Closes a connection and a session that are still held, before the bring-up
 // replaces them: the socket would leak otherwise, and the controller would
 // keep a registered session until it noticed the silence.
 void release_leftovers() {
-    if (connection) {
-        Forward_Close(std::move(connection));
-        connection.reset();
-    }
+    close_abandoned_connection();
     if (session) {
         if (session->handle != 0) UnRegisterSession(*session);
         CloseSession(std::move(session));
@@ -159,15 +169,13 @@ Status OMRON_EIP_INIT(uint32_t force_new_serial) {
         return Status::ConfigError;
     }
     init = 1;
+    ++connection_generation;
     std::printf("[PLC] init ok at line %d\r\n", 656);
     return Status::Ok;
 }
 
 Status recover_connection() {
-    if (connection) {
-        Forward_Close(std::move(connection));
-        connection.reset();
-    }
+    close_abandoned_connection();
     if (session) {
         UnRegisterSession(*session);
         wk_close_handel(session->sock);

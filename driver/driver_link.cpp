@@ -28,10 +28,9 @@ private:
 
 } // namespace
 
-LinkState DriverLink::ensure_up() {
-    if (init == 1) return LinkState::Up;
-    return recover_connection() == Status::Ok ? LinkState::Rebuilt : LinkState::Down;
-}
+bool DriverLink::ensure_up() { return init == 1 || recover_connection() == Status::Ok; }
+
+uint32_t DriverLink::generation() const { return connection_generation; }
 
 void DriverLink::mark_down() { init = 0; }
 

@@ -9,7 +9,8 @@ namespace plc {
 
 class DriverLink final : public ControllerLink {
 public:
-    LinkState ensure_up() override;
+    bool ensure_up() override;
+    uint32_t generation() const override;
     void mark_down() override;
     wire::MutableBytes request_area() override;
     std::optional<wire::Bytes> exchange(CipCall call, size_t request_len) override;

@@ -26,6 +26,8 @@ extern uint32_t serial_n;
 extern std::unique_ptr<EipSession> session;
 extern std::unique_ptr<CipConnection> connection;
 extern uint32_t init;
+// Counts the connections brought up; see ControllerLink::generation.
+extern uint32_t connection_generation;
 extern uint32_t timeout_count;
 extern ExchangeBuffer send_data;
 extern ExchangeBuffer recv_data;

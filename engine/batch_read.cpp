@@ -27,7 +27,10 @@ const TagTable *batch_table(const DriverSettings *settings, PlcRequest *requests
         find_or_build_tagtable(settings, requests[0], kBatchLines, true, file_name);
     if (table == nullptr) return nullptr;
     for (int32_t i = 0; i < count; ++i) {
-        if (!check_tag_id(*table, OMRON_TEMP[size_t(i)].tag_id, file_name, kBatchLines, true))
+        const uint32_t tag_id = OMRON_TEMP[size_t(i)].tag_id;
+        // The message of a refused id comes from the full check.
+        if (!tag_id_in_table(*table, tag_id) &&
+            !check_tag_id(*table, tag_id, file_name, kBatchLines, true))
             return nullptr;
     }
     return table;
@@ -52,7 +55,7 @@ Status batch_read(ControllerLink &link, const DriverSettings *settings, PlcReque
     // with a record that cannot be valid is refused like an unknown tag id:
     // before the connection is rebuilt or anything is sent.
     const RegLink *set = Query_node(node.get(), key);
-    const bool planned = set != nullptr && plan_fits(set->plan, table->serial, requests, n);
+    const bool planned = set != nullptr && plan_fits(set->plan, table->serial, key.counts.data(), n);
     if (planned) {
         apply_batch_plan(set->plan);
     } else if (Reg_Classify_Sort(*table, count) != Status::Ok) {

@@ -68,13 +68,10 @@ void unpack_batch_records(PlcRequest *records, int32_t count, RequestSetKey &key
         slot.tag_id = compose_tag_id(records[i]);
         slot.element = element_index(records[i]);
         slot.count = records[i].count;
-        key.tag_ids[i] = slot.tag_id;
-        key.elements[i] = slot.element;
+        key.counts[i] = slot.count;
+        add_pair(key, slot.tag_id, slot.element);
     }
-    key.pairs = static_cast<uint16_t>(total);
-    hash_request_set(key);
 }
-
 Status Reg_Classify_Sort(const TagTable &table, int32_t n) {
     reg_interact_num = 0;
     const size_t total = std::min(static_cast<size_t>(std::max(n, 0)), kBatchCapacity);
@@ -126,13 +123,10 @@ void list_init_tags(const TagTable &table, int32_t n) {
     reg_init_num = static_cast<uint32_t>(k);
 }
 
-bool plan_fits(const BatchPlan &plan, uint32_t table_serial, const PlcRequest *records,
+bool plan_fits(const BatchPlan &plan, uint32_t table_serial, const uint16_t *record_counts,
                size_t n) {
-    if (plan.table_serial != table_serial || plan.records != n) return false;
-    for (size_t i = 0; i < n; ++i) {
-        if (plan.record_counts[i] != records[i].count) return false;
-    }
-    return true;
+    return plan.table_serial == table_serial && plan.records == n &&
+           std::memcmp(plan.record_counts.data(), record_counts, n * sizeof *record_counts) == 0;
 }
 
 void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n,

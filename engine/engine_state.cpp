@@ -17,13 +17,23 @@ void forget_resolutions() {
     free_reg_link(node);
 }
 
+namespace {
+// The connection the kept handles and request sets were resolved on.
+uint32_t resolved_on = 0;
+} // namespace
+
 bool connection_ready(ControllerLink &link) {
-    switch (link.ensure_up()) {
-    case LinkState::Up: return true;
-    case LinkState::Rebuilt: forget_resolutions(); return true;
-    case LinkState::Down: return false;
+    if (!link.ensure_up()) return false;
+    // Handles of another connection name nothing on this one: a controller
+    // that reuses handle numbers after a restart would answer them with other
+    // variables' values. Whichever way the connection was brought up (a
+    // rebuild, a forced one that already failed its call, the host's own
+    // bring-up), everything resolved before it is forgotten.
+    if (link.generation() != resolved_on) {
+        forget_resolutions();
+        resolved_on = link.generation();
     }
-    return false;
+    return true;
 }
 
 } // namespace plc

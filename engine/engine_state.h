@@ -21,8 +21,9 @@ extern RequestPrefix recv_flag_data1;
 // connection that is gone.
 void forget_resolutions();
 
-// Rebuilds the connection when it is down; a rebuilt connection comes without
-// handles and without remembered request sets. False when it is still down.
+// Rebuilds the connection when it is down; a connection other than the one
+// the kept handles were resolved on comes without handles and without
+// remembered request sets. False when it is still down.
 bool connection_ready(ControllerLink &link);
 
 } // namespace plc

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 
 #include "util/wire.h"
@@ -18,17 +19,15 @@ enum class CipCall {
     Write,   // a value by handle (service 0x56 to the variable class)
 };
 
-enum class LinkState {
-    Up,      // the connection stands as it stood
-    Rebuilt, // it was down and has just been rebuilt: every handle resolved before is gone
-    Down,    // it was down and could not be rebuilt
-};
-
 class ControllerLink {
 public:
     virtual ~ControllerLink() = default;
-    // Rebuilds the connection when it is down.
-    virtual LinkState ensure_up() = 0;
+    // Rebuilds the connection when it is down: false when it could not be.
+    virtual bool ensure_up() = 0;
+    // The number of the connection that stands: it changes with every
+    // connection brought up, by a rebuild or otherwise. Handles resolved on
+    // another number belong to a connection that is gone.
+    virtual uint32_t generation() const = 0;
     // Reports the connection broken: the next ensure_up rebuilds it.
     virtual void mark_down() = 0;
     // Where the next request's data is written.

@@ -9,11 +9,6 @@ std::unique_ptr<RegLink> node;
 
 namespace {
 
-uint32_t mix(uint32_t h, uint32_t v) {
-    h ^= v;
-    h *= 0x01000193u; // FNV-1a prime, word by word
-    return h ^ (h >> 15);
-}
 
 bool same_pairs(const RegLink &set, const RequestSetKey &key) {
     return set.hash == key.hash && set.count == key.pairs &&
@@ -29,11 +24,6 @@ RegLink::~RegLink() {
     while (next) next = std::move(next->next);
 }
 
-void hash_request_set(RequestSetKey &key) {
-    uint32_t h = 0x811C9DC5u ^ key.pairs;
-    for (size_t i = 0; i < key.pairs; ++i) h = mix(mix(h, key.elements[i]), key.tag_ids[i]);
-    key.hash = h;
-}
 
 std::unique_ptr<RegLink> create_link() {
     return std::unique_ptr<RegLink>(new (std::nothrow) RegLink());

@@ -21,10 +21,18 @@ struct RequestSetKey {
     std::array<uint32_t, kRequestSetCapacity> tag_ids{};
     uint16_t pairs = 0;
     uint32_t hash = 0; // of the pairs, so that sets are told apart with one comparison
+    // Not part of the key: the records' count fields, which a remembered
+    // plan must match.
+    std::array<uint16_t, kRequestSetCapacity> counts{};
 };
 
-// Fills in key.hash from the pairs.
-void hash_request_set(RequestSetKey &key);
+// Adds one pair to the key and to its hash.
+inline void add_pair(RequestSetKey &key, uint32_t tag_id, uint32_t element) {
+    key.tag_ids[key.pairs] = tag_id;
+    key.elements[key.pairs] = element;
+    ++key.pairs;
+    key.hash = (key.hash ^ tag_id) * 0x01000193u + element;
+}
 
 // One node of the list. The head has the same layout but holds no set: only its
 // set counter is meaningful. Set nodes follow the head, newest first.

@@ -1,6 +1,7 @@
 #include "tags/tag_cache.h"
 
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 namespace plc {
@@ -53,9 +54,12 @@ void remember_refusal(TagTableCache &head, const char *name, const ParsedTagList
 
 void init_tag(TagTableCache &head) {
     // A new initialisation reads every list again; the tables of the earlier one
-    // are released here (nothing keeps a table or entry pointer across calls).
+    // are released here. What keeps a pointer into them across calls checks a
+    // table's serial first (the plans of remembered request sets) or goes with
+    // them (the last table found).
     head.tables.clear();
     head.refused.clear();
+    head.last = TagTableCache::Found{};
 }
 
 int add_tagtable(TagTableCache &head, const char *name, std::vector<TagEntry> &&tag_str,
@@ -116,24 +120,28 @@ void get_csv_name1(const DriverSettings *settings, const PlcRequest *request, ch
     get_csv_name(settings, request, buffer);
 }
 
-uint32_t compose_tag_id(PlcRequest &request) {
-    if (request.tag_high >= 4) {
-        return (static_cast<uint32_t>(request.tag_high) << 16) | (request.address >> 16);
-    }
-    request.tag_high = 0;
-    return request.address >> 16;
-}
-
 TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcRequest &request,
                                  const TagLookupLines &lines, bool batch, char *name_out) {
     char local_name[kCsvNameSize];
     char *name = name_out != nullptr ? name_out : local_name;
+    TagTableCache::Found &last = g_plc_tags.last;
+    if (last.table != nullptr && settings != nullptr && last.address == settings->ip_address &&
+        last.device == request.device) {
+        std::memcpy(name, last.name, kCsvNameSize);
+        return last.table;
+    }
     if (batch) {
         get_csv_name1(settings, &request, name);
     } else {
         get_csv_name(settings, &request, name);
     }
     if (TagTable *table = get_tagtable(g_plc_tags, name)) {
+        if (settings != nullptr) {
+            last.table = table;
+            last.address = settings->ip_address;
+            last.device = request.device;
+            std::memcpy(last.name, name, kCsvNameSize);
+        }
         return table;
     }
 

@@ -33,11 +33,21 @@ struct RefusedTagList {
     FileStamp stamp;
 };
 
+constexpr size_t kCsvNameSize = 50;
+
 // Newest table first; tables and refusals are only forgotten by init_tag (a
 // refusal also when its file changes).
 struct TagTableCache {
     std::list<TagTable> tables;
     std::vector<RefusedTagList> refused;
+    // The table the last request found, by the address and device that name
+    // its file: a poll names the same list again and again.
+    struct Found {
+        TagTable *table = nullptr;
+        uint32_t address = 0;
+        uint16_t device = 0;
+        char name[kCsvNameSize] = {};
+    } last;
 };
 
 extern TagTableCache g_plc_tags;
@@ -47,12 +57,17 @@ int add_tagtable(TagTableCache &head, const char *name, std::vector<TagEntry> &&
                  std::vector<IndexedGroup> &&indexedtag_table, const uint32_t counts[2]);
 TagTable *get_tagtable(TagTableCache &head, const char *name);
 
-constexpr size_t kCsvNameSize = 50;
 void get_csv_name(const DriverSettings *settings, const PlcRequest *request, char *buffer);
 void get_csv_name1(const DriverSettings *settings, const PlcRequest *request, char *buffer);
 
 // Tag id and element index of a request; a high part of 0..3 is written back as 0.
-uint32_t compose_tag_id(PlcRequest &request);
+inline uint32_t compose_tag_id(PlcRequest &request) {
+    if (request.tag_high >= 4) {
+        return (static_cast<uint32_t>(request.tag_high) << 16) | (request.address >> 16);
+    }
+    request.tag_high = 0;
+    return request.address >> 16;
+}
 inline uint32_t element_index(const PlcRequest &request) { return request.address & 0xFFFFu; }
 
 // The entry of a tag id (plain: tag_str[id]; indexed: through groupID_table),
@@ -109,6 +124,10 @@ TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcReques
 // tag_num or max_index_id. Returns true when the id passes.
 bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
                   const TagLookupLines &lines, bool batch);
+// check_tag_id's rule alone, without a message.
+inline bool tag_id_in_table(const TagTable &table, uint32_t tag_id) {
+    return tag_id < PLC_INDEXED_TAG_BASE ? tag_id < table.tag_num : tag_id <= table.max_index_id;
+}
 
 // The whole lookup of a single read or write: the table named from the
 // settings and the request (found or built), the tag id checked against it,

@@ -155,7 +155,7 @@ TEST_F(Engine, SingleReadsFillTheHostLayoutOfEachWidth) {
     // Each variable is resolved once per connection; a rebuilt one resolves again.
     ASSERT_EQ(read(kCounts, 0, 1), Status::Ok);
     EXPECT_EQ(fake.count(CipCall::Resolve), 6u);
-    fake.state = LinkState::Rebuilt;
+    ++fake.connection;
     ASSERT_EQ(read(kCounts, 0, 1), Status::Ok);
     EXPECT_EQ(fake.count(CipCall::Resolve), 7u);
 
@@ -352,7 +352,7 @@ TEST_F(Engine, ARememberedSetIsReadWithoutPreparingAgain) {
     label_reupdata = 1;
     ASSERT_EQ(poll(batch), Status::Ok);
     EXPECT_EQ(fake.count(CipCall::Resolve), 3u);
-    fake.state = LinkState::Rebuilt;
+    ++fake.connection;
     ASSERT_EQ(poll(batch), Status::Ok);
     EXPECT_EQ(fake.count(CipCall::Resolve), 4u);
 

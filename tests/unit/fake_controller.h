@@ -30,18 +30,18 @@ public:
     std::set<std::string> unknown;         // names the controller does not know
     std::function<void(CipCall, Bytes &)> tamper;
     bool unreachable = false;
-    LinkState state = LinkState::Up;
+    bool up = true;           // whether the connection can be brought up
+    uint32_t connection = 1;  // the generation: raise it for a new connection
     int ensure_calls = 0;
     int marked_down = 0;
     static constexpr uint8_t kPrefix[10] = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4,
                                             0xA5, 0xA6, 0xA7, 0x00, 0xA9};
 
-    LinkState ensure_up() override {
+    bool ensure_up() override {
         ++ensure_calls;
-        const LinkState s = state;
-        if (state == LinkState::Rebuilt) state = LinkState::Up;
-        return s;
+        return up;
     }
+    uint32_t generation() const override { return connection; }
     void mark_down() override { ++marked_down; }
     wire::MutableBytes request_area() override { return {area_.data(), area_.size()}; }
     std::optional<wire::Bytes> exchange(CipCall call, size_t request_len) override {

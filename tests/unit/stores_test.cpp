@@ -48,12 +48,7 @@ TEST(HandleStore, KeysKeepListsTagsAndElementsApart) {
 
 RequestSetKey key_of(std::initializer_list<std::pair<uint32_t, uint32_t>> pairs) {
     RequestSetKey key;
-    for (const auto &[tag, element] : pairs) {
-        key.tag_ids[key.pairs] = tag;
-        key.elements[key.pairs] = element;
-        ++key.pairs;
-    }
-    hash_request_set(key);
+    for (const auto &[tag, element] : pairs) add_pair(key, tag, element);
     return key;
 }
 
