@@ -8,8 +8,9 @@
 # and writes new values every second. Meanwhile this script kills the
 # simulator (SIGKILL or SIGTERM) and starts it again at random times, so that
 # it forgets connections, sessions, handles and every value written, and now
-# and then freezes it with SIGSTOP for longer than the driver's 10 s reply
-# time-out. The last 40 s (15 s in runs under 5 minutes) are left calm, so the run ends with the link up.
+# and then freezes it with SIGSTOP for 11 to 40 s: longer than the driver's
+# 10 s reply time-out, often longer than two of them. The last 40 s (15 s in
+# runs under 5 minutes) stay calm, so that the run ends with the link up.
 #
 # The host prints a table at the end and exits non-zero on a wrong value, a
 # call blocked beyond the bound, memory or descriptors that grew steadily, or a
@@ -108,8 +109,10 @@ start_sim() {
     exit 1
 }
 
-# A random number of milliseconds from $1 to $2, and milliseconds as seconds.
-random_ms() { echo $(($1 + (RANDOM * 32768 + RANDOM) % ($2 - $1 + 1))); }
+# A random number of milliseconds from $2 to $3 into the variable $1 (not in
+# a subshell, which would not advance the seeded sequence), and milliseconds
+# as seconds.
+random_ms() { printf -v "$1" '%d' $(($2 + (RANDOM * 32768 + RANDOM) % ($3 - $2 + 1))); }
 seconds_of() { printf '%d.%03d' $(($1 / 1000)) $(($1 % 1000)); }
 
 : >events
@@ -127,9 +130,9 @@ host_pid=$!
 restarts=0 stops=0 unexpected=0
 calm_tail=$((minutes >= 5 ? 40 : 15))
 while kill -0 "$host_pid" 2>/dev/null; do
-    gap=$(random_ms 8000 30000)
+    random_ms gap 8000 30000
     pick=$((RANDOM % 100))
-    if ((pick < 70)); then away=$(random_ms 0 3000); else away=$(random_ms 11000 16000); fi
+    if ((pick < 70)); then random_ms away 0 3000; else random_ms away 11000 40000; fi
     # No fault may reach into the calm tail.
     (($(now_ms) - t0 + gap + away + calm_tail * 1000 < seconds * 1000)) || break
     sleep "$(seconds_of "$gap")"

@@ -154,6 +154,7 @@ void Soak::poll() {
         return;
     }
     shown_.clear();
+    ledger_.checked(!rewrite_needed_);
     if (const size_t wrong = model_.check(!rewrite_needed_, shown_, kShownMismatches))
         ledger_.wrong_values(t1, polls_, wrong, shown_);
 }
@@ -186,6 +187,7 @@ void Soak::rewrite_all() {
         if (!write(run, texts_)) return;
     }
     rewrite_needed_ = false;
+    ledger_.rewrote();
 }
 
 void Soak::random_writes() {
@@ -214,11 +216,11 @@ int Soak::run() {
         // Samples are taken in the same state every time: connection up.
         if (last_poll_ok_ && now() >= next_sample) {
             ledger_.sample(now());
-            next_sample += o_.sample_seconds;
+            while (next_sample <= now()) next_sample += o_.sample_seconds;
         }
         if (now() >= next_progress) {
             ledger_.progress(now());
-            next_progress += o_.sample_seconds;
+            while (next_progress <= now()) next_progress += o_.sample_seconds;
         }
         tick += interval;
         if (tick < Clock::now()) tick = Clock::now(); // a late poll does not make a burst

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace plc::soak {
@@ -73,10 +74,8 @@ void Ledger::call(Entry entry, int status, double start, double end) {
                      "[soak %7.1f s] %s blocked %.2f s (status %d), beyond the %.2f s bound\n",
                      start, kEntryNames[entry == Entry::Poll ? 0 : 1], d, status, bound_);
     }
-    Fault *fault = faults_.empty() ? nullptr : &faults_.back();
     if (status != 0) {
         if (outage_start_ < 0) outage_start_ = start;
-        if (fault && fault->first_fail < 0 && end >= fault->down_at) fault->first_fail = start;
     } else if (outage_start_ >= 0) {
         ++outages_;
         if (end - outage_start_ > longest_outage_) {
@@ -85,12 +84,20 @@ void Ledger::call(Entry entry, int status, double start, double end) {
         }
         outage_start_ = -1;
     }
-    if (entry != Entry::Poll) return;
-    last_poll_ok_ = status == 0;
-    if (fault && fault->up_at >= 0 && fault->recovered_at < 0 && start >= fault->up_at) {
-        ++fault->polls_after_up;
-        if (status == 0) fault->recovered_at = end;
+    if (entry == Entry::Poll) last_poll_ok_ = status == 0;
+    if (!faults_.empty()) follow_fault(faults_.back(), entry, status, start, end);
+}
+
+void Ledger::follow_fault(Fault &f, Entry entry, int status, double start, double end) {
+    if (status != 0 && end >= f.down_at && f.recovered_at < 0) {
+        if (f.first_fail < 0) f.first_fail = start;
+        if (entry == Entry::Poll) ++f.failed_polls;
     }
+    // Recovered: the first good poll once the host has seen the fault (the
+    // controller may answer a moment before the script notes it is back).
+    if (entry != Entry::Poll || f.first_fail < 0 || f.recovered_at >= 0) return;
+    if (f.up_at >= 0 && start >= f.up_at) ++f.polls_after_up;
+    if (status == 0) f.recovered_at = end;
 }
 
 void Ledger::event(const std::string &line, double unix_start) {
@@ -150,20 +157,20 @@ void Ledger::progress(double at) const {
 }
 
 void Ledger::print_faults() const {
-    std::fprintf(out_, "\ncontroller faults (times in s since the host started)\n");
-    std::fprintf(out_, "  %3s %-5s %8s %7s %9s %10s %9s\n", "#", "kind", "at", "away", "outage",
-                 "polls-back", "s-back");
+    std::fprintf(out_, "\ncontroller faults (times in s since the host started; outage: first\n"
+                       "failed call to first good poll; back: from the controller's return)\n");
+    std::fprintf(out_, "  %3s %-5s %8s %7s %12s %9s %10s %7s\n", "#", "kind", "at", "away",
+                 "failed polls", "outage", "polls-back", "s-back");
     for (size_t i = 0; i < faults_.size(); ++i) {
         const Fault &f = faults_[i];
-        const double away = f.up_at >= 0 ? f.up_at - f.down_at : -1;
-        const double outage =
-            f.recovered_at >= 0 && f.first_fail >= 0 ? f.recovered_at - f.first_fail : -1;
-        const double back = f.recovered_at >= 0 ? f.recovered_at - f.up_at : -1;
-        std::fprintf(out_, "  %3zu %-5s %8.1f %7.1f %9.2f %10d %9.2f%s\n", i + 1, f.kind.c_str(),
-                     f.down_at, away, outage, f.polls_after_up, back,
-                     f.superseded         ? "  NOT RECOVERED before the next fault"
-                     : f.recovered_at < 0 ? "  not recovered"
-                                          : "");
+        const bool back = f.recovered_at >= 0;
+        std::fprintf(out_, "  %3zu %-5s %8.1f %7.1f %12d %9.2f %10d %7.2f%s\n", i + 1,
+                     f.kind.c_str(), f.down_at, f.up_at >= 0 ? f.up_at - f.down_at : -1,
+                     f.failed_polls, back ? f.recovered_at - f.first_fail : -1, f.polls_after_up,
+                     back ? std::max(0.0, f.recovered_at - f.up_at) : -1,
+                     f.superseded ? "  NOT RECOVERED before the next fault"
+                     : back       ? ""
+                                  : "  not recovered");
     }
 }
 
@@ -192,6 +199,12 @@ Verdict Ledger::report(double seconds, size_t records) const {
     std::fprintf(out_,
                  "  outages (first failed call to next success): %llu, longest %.2f s at %.1f s\n",
                  static_cast<unsigned long long>(outages_), longest_outage_, longest_outage_at_);
+    std::fprintf(out_,
+                 "  good polls checked in full: %llu; before a rewrite, never-written "
+                 "variables only: %llu; full rewrites after a failure: %llu\n",
+                 static_cast<unsigned long long>(full_checks_),
+                 static_cast<unsigned long long>(partial_checks_),
+                 static_cast<unsigned long long>(rewrites_));
     std::fprintf(out_, "  wrong values: %llu (in %llu polls)\n",
                  static_cast<unsigned long long>(wrong_),
                  static_cast<unsigned long long>(wrong_polls_));

@@ -25,12 +25,13 @@ struct CallStats {
 
 // One fault of the controller, as the soak script announced it.
 struct Fault {
-    std::string kind;       // kill, term, stop
-    double down_at = 0;     // seconds since the host started
-    double up_at = -1;      // back (started again, or continued)
-    double first_fail = -1; // the host's first failed call after down_at
-    double recovered_at = -1;
-    int polls_after_up = 0; // polls begun after up_at, up to the first success
+    std::string kind;         // kill, term, stop
+    double down_at = 0;       // seconds since the host started
+    double up_at = -1;        // back (started again, or continued)
+    double first_fail = -1;   // the host's first failed call after down_at
+    double recovered_at = -1; // the first good poll after first_fail
+    int failed_polls = 0;
+    int polls_after_up = 0; // polls begun after up_at, up to the first good one
     bool superseded = false;
 };
 
@@ -55,6 +56,10 @@ public:
     void call(Entry entry, int status, double start, double end);
     // A line of the soak script's event file: "<unix time> down|up <kind>".
     void event(const std::string &line, double unix_start);
+    // A good poll, checked in full or (before the rewrite that follows a
+    // failure) for the never-written variables only.
+    void checked(bool full) { ++(full ? full_checks_ : partial_checks_); }
+    void rewrote() { ++rewrites_; }
     void wrong_values(double at, uint64_t poll, size_t count, const std::vector<Mismatch> &shown);
     void sample(double at);
     void progress(double at) const;
@@ -62,6 +67,7 @@ public:
     Verdict report(double seconds, size_t records) const;
 
 private:
+    void follow_fault(Fault &f, Entry entry, int status, double start, double end);
     void print_faults() const;
     void print_memory() const;
 
@@ -74,6 +80,9 @@ private:
     double longest_outage_at_ = 0;
     uint64_t over_bound_ = 0;
     uint64_t wrong_ = 0;
+    uint64_t full_checks_ = 0;
+    uint64_t partial_checks_ = 0;
+    uint64_t rewrites_ = 0;
     uint64_t wrong_polls_ = 0;
     bool last_poll_ok_ = false;
     std::vector<Fault> faults_;
