@@ -76,10 +76,11 @@ done <"$root/tests/soak/initial_values.txt"
 sim_pid=
 host_pid=
 sim_stopped=
+# shellcheck disable=SC2317  # run by the trap
 cleanup() {
-    [[ -n "$host_pid" ]] && kill "$host_pid" 2>/dev/null || true
+    if [[ -n "$host_pid" ]]; then kill "$host_pid" 2>/dev/null || true; fi
     if [[ -n "$sim_pid" ]]; then
-        [[ -n "$sim_stopped" ]] && kill -CONT "$sim_pid" 2>/dev/null || true
+        if [[ -n "$sim_stopped" ]]; then kill -CONT "$sim_pid" 2>/dev/null || true; fi
         kill "$sim_pid" 2>/dev/null || true
         wait "$sim_pid" 2>/dev/null || true
     fi
@@ -127,14 +128,21 @@ say "seed $seed, $minutes minute(s), logs in $logs"
     >driver.log 2> >(tee host.txt >&2) &
 host_pid=$!
 
-restarts=0 stops=0 unexpected=0
+restarts=0 stops=0 unexpected=0 gap=0 away=0 room=0
 calm_tail=$((minutes >= 5 ? 40 : 15))
 while kill -0 "$host_pid" 2>/dev/null; do
     random_ms gap 8000 30000
     pick=$((RANDOM % 100))
     if ((pick < 70)); then random_ms away 0 3000; else random_ms away 11000 40000; fi
-    # No fault may reach into the calm tail.
-    (($(now_ms) - t0 + gap + away + calm_tail * 1000 < seconds * 1000)) || break
+    # No fault may reach into the calm tail: a freeze is cut short, or turned
+    # into a restart, where there is no room for it.
+    room=$(((seconds - calm_tail) * 1000 - ($(now_ms) - t0) - gap))
+    ((room > 3000)) || break
+    if ((pick >= 70 && room < 11000)); then
+        pick=0
+        random_ms away 0 3000
+    fi
+    ((away < room)) || away=$room
     sleep "$(seconds_of "$gap")"
     if ! kill -0 "$sim_pid" 2>/dev/null; then
         wait "$sim_pid" && status=0 || status=$?
