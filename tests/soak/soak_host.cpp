@@ -210,9 +210,12 @@ int Soak::run() {
     for (uint64_t i = 0; now() < o_.seconds; ++i) {
         read_events();
         poll();
-        if (rewrite_needed_ && last_poll_ok_)
+        // Writes keep their schedule while the link is down, as an operator's
+        // would, so the write entry's own recovery is exercised too.
+        const bool write_due = i % uint64_t(o_.write_every) == 0;
+        if (rewrite_needed_ && (last_poll_ok_ || write_due))
             rewrite_all();
-        else if (!rewrite_needed_ && i % uint64_t(o_.write_every) == 0)
+        else if (!rewrite_needed_ && write_due)
             random_writes();
         // Samples are taken in the same state every time: connection up.
         if (last_poll_ok_ && now() >= next_sample) {
