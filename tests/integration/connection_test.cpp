@@ -107,30 +107,6 @@ TEST_F(Connection, EmptySessionFileCountsAsNoSerial) {
     EXPECT_TRUE(StoredSerial(dir).has_value());
 }
 
-TEST_F(Connection, RecoversAfterTheControllerRestarts) {
-    StartSim({"Counter=5"});
-    BringUp();
-    ASSERT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 0);
-
-    sim.Kill();
-    EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "the broken exchange";
-    {
-        StdoutCapture out;
-        EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "no controller to reconnect to";
-        EXPECT_TRUE(Contains(out.text(), "[PLC] OpenSession err at line 630\r\n")) << out.text();
-    }
-    std::string error;
-    ASSERT_TRUE(sim.Restart(&error)) << error;
-    const ReadOutcome r = ReadSingle(kCounter, 0, 1, 4);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.bytes, Le32(5));
-    // A new session and connection, and the variable resolved anew on it.
-    EXPECT_EQ(sim.Stat("sessions_registered"), 1u);
-    EXPECT_EQ(sim.Stat("resolve_requests"), 1u);
-    EXPECT_EQ(sim.Stat("read_requests"), 1u);
-    EXPECT_EQ(sim.Stat("sequence_anomalies"), 0u) << "the new connection's count must start at 0";
-}
-
 TEST_F(Connection, WriteWithTheControllerUnreachable) {
     dir.Write(kTagListName, ReadWholeFile(TestTagListPath()));
     std::string text;

@@ -194,45 +194,5 @@ TEST_F(SingleEntries, RefusesUnknownTagsAndIndexesWithoutTraffic) {
     EXPECT_EQ(sim.Stat("sessions_registered"), 1u);
 }
 
-TEST_F(SingleEntries, ResolvesEachVariableOncePerConnection) {
-    StartSim({"Counter=7", "Flags[5]=true"});
-    BringUp();
-    ASSERT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 0);
-    ASSERT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 0);
-    EXPECT_EQ(sim.Stat("resolve_requests"), 1u) << "the second read resolved again";
-    EXPECT_EQ(sim.Stat("read_requests"), 2u);
-
-    // One handle per array, whatever the element.
-    ASSERT_EQ(ReadSingle(kSpeeds, 3, 1, 2).status, 0);
-    ASSERT_EQ(ReadSingle(kSpeeds, 7, 2, 4).status, 0);
-    EXPECT_EQ(sim.Stat("resolve_requests"), 2u);
-
-    // BOOL elements are resolved one by one, and each only once.
-    ASSERT_EQ(ReadSingle(kFlags, 5, 1, 1).status, 0);
-    ASSERT_EQ(ReadSingle(kFlags, 6, 1, 1).status, 0);
-    const ReadOutcome again = ReadSingle(kFlags, 5, 1, 1);
-    ASSERT_EQ(again.status, 0);
-    EXPECT_EQ(again.bytes, std::vector<uint8_t>{1}) << "element 5 read through element 6's handle";
-    EXPECT_EQ(sim.Stat("resolve_requests"), 4u);
-
-    // A write of a resolved variable uses its handle too.
-    ASSERT_EQ(WriteSingle(kCounter, 0, 1, Le32(9)), 0);
-    EXPECT_EQ(sim.Stat("resolve_requests"), 4u);
-    EXPECT_EQ(sim.Stat("write_requests"), 1u);
-    EXPECT_EQ(sim.Values("Counter")->at(0), "9");
-    EXPECT_EQ(NewErrors(), 0u) << sim.Output();
-}
-
-// The single read has no host layout for a TIME: it makes the exchange, fails,
-// and leaves the connection to be rebuilt by the next call.
-TEST_F(SingleEntries, TimeReadFailsAfterTheExchangeAndRebuilds) {
-    StartSim({"Duration=1.5"});
-    BringUp();
-    EXPECT_EQ(ReadSingle(kDuration, 0, 1, 8).status, 2);
-    EXPECT_EQ(sim.Stat("read_requests"), 1u);
-    EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 0);
-    EXPECT_EQ(sim.Stat("sessions_registered"), 2u) << "the connection was not rebuilt";
-}
-
 } // namespace
 } // namespace plc::itest
