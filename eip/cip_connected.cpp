@@ -73,17 +73,20 @@ ConnectedReply match_connected_reply(wire::Bytes message, uint32_t to_conn_id, u
     const wire::Reader in(message);
     if (in.u16_at(0) != kEncapSendUnitData) return {};
     const auto address = _GetAdressItem(message);
-    const auto data = _GetDataItem(message);
-    if (!address || !data) return {};
-    if (in.u16_at(*address) != kItemConnectedAddress ||
+    if (!address || in.u16_at(*address) != kItemConnectedAddress ||
         in.u16_at(*address + 2) < kConnectedAddressLength || in.u32_at(*address + 4) != to_conn_id)
         return {};
-    // _GetDataItem found the item wholly inside the message.
-    const uint16_t length = *in.u16_at(*data + 2);
+    // On our connection. The sequence count it echoes, when it gets that far,
+    // tells whether it answers this request; a reply to it that is cut short
+    // or too short to echo a count is this request's reply, and unusable.
+    const size_t at = *address + 4 + *in.u16_at(*address + 2);
+    const auto echoed = in.u16_at(at + kItemHeader);
+    if (echoed && *echoed != sequence) return {};
+    const auto data = _GetDataItem(message);
+    if (!data) return {ReplyMatch::Malformed, {}};
+    const uint16_t length = *in.u16_at(*data + 2); // wholly inside, as _GetDataItem found it
     const wire::Bytes item{message.data + *data, kItemHeader + length};
-    if (length < kSequenceSize) return {ReplyMatch::Malformed, item};
-    if (in.u16_at(*data + kItemHeader) != sequence) return {};
-    return {ReplyMatch::Ours, item};
+    return {length < kSequenceSize ? ReplyMatch::Malformed : ReplyMatch::Ours, item};
 }
 
 std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &connection,
@@ -103,12 +106,13 @@ std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &co
     wait.receive_waits = sent && receive_timeout_is_reply_timeout(session);
     while (sent) {
         const auto size = receive_message_into(session.sock, buffers.recv, wait);
-        // Bytes that are no message leave nothing to wait for on this stream:
-        // the connection is given up at once rather than after the time-out.
-        if (!size || !is_encap_command(*wire::Reader(buffers.recv.data, *size).u16_at(0))) break;
+        if (!size) break;
         const ConnectedReply reply = match_connected_reply(
             wire::Bytes{buffers.recv.data, *size}, connection.to_conn_id, sequence);
-        if (reply.match != ReplyMatch::Other) return reply.data_item;
+        if (reply.match == ReplyMatch::Other) continue;
+        // A reply whose data item does not even fit the message says nothing.
+        if (reply.data_item.size == 0) break;
+        return reply.data_item;
     }
     LogCip(2, "!Exiting ConnectedSend with no response\r\n");
     return std::nullopt;

@@ -36,9 +36,10 @@ struct ConnectedBuffers {
 
 // How a received message relates to the connected request with this sequence
 // count on the connection whose replies carry to_conn_id: Ours, with the
-// reply's connected data item; Malformed, a reply on our connection too short
-// to echo a sequence count (its item, when there is one); Other, anything else
-// (another connection, another sequence count, another command, no items).
+// reply's connected data item; Malformed, this request's reply but unusable:
+// cut short (no item), or too short to echo a sequence count (its item);
+// Other, anything else (another connection, another sequence count, another
+// command, no items).
 enum class ReplyMatch { Ours, Malformed, Other };
 struct ConnectedReply {
     ReplyMatch match = ReplyMatch::Other;

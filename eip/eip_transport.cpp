@@ -180,6 +180,9 @@ std::optional<size_t> receive_message_into(int sock, wire::MutableBytes buffer, 
     for (;;) {
         if (!framed && got >= kEncapHeaderSize) {
             framed = true;
+            // Bytes that are no message leave nothing to wait for on this
+            // stream: given up at once rather than after the time-out.
+            if (!is_encap_command(*wire::Reader(buffer.data, got).u16_at(0))) return std::nullopt;
             const uint16_t length = *wire::Reader(buffer.data, got).u16_at(kEncapLengthAt);
             want = kEncapHeaderSize + length;
             if (want > buffer.size) {
