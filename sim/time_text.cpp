@@ -139,14 +139,16 @@ std::optional<int64_t> ParseDuration(std::string_view text) {
 std::string FormatDuration(int64_t ns) {
     std::string out = ns < 0 ? "-" : "";
     uint64_t u = ns < 0 ? 0 - static_cast<uint64_t>(ns) : static_cast<uint64_t>(ns);
-    for (const Unit &unit :
-         {Unit{"d", kDay}, Unit{"h", kHour}, Unit{"m", kMinute}, Unit{"s", kSecond}}) {
+    for (const Unit &unit : {Unit{"d", kDay}, Unit{"h", kHour}, Unit{"m", kMinute}}) {
         const uint64_t n = u / uint64_t(unit.ns);
         if (n != 0) out += std::to_string(n) + unit.name;
         u %= uint64_t(unit.ns);
     }
-    // What is left below a second, in the largest unit it reaches.
-    if (u >= uint64_t(kMs) || (u == 0 && out.empty()))
+    // Seconds with their fraction; below a second, the largest unit it reaches.
+    const bool whole = out.size() > (ns < 0 ? 1u : 0u);
+    if (u >= uint64_t(kSecond) || (whole && u != 0))
+        out += std::to_string(u / kSecond) + Fraction(int64_t(u % kSecond)) + "s";
+    else if (u >= uint64_t(kMs) || (u == 0 && !whole))
         out += std::to_string(u / kMs) + Fraction(int64_t(u % kMs) * 1000) + "ms";
     else if (u >= uint64_t(kUs))
         out += std::to_string(u / kUs) + Fraction(int64_t(u % kUs) * 1000000) + "us";

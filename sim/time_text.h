@@ -11,7 +11,8 @@ namespace plc::sim {
 
 // "1500" (milliseconds), "2s", "1h30m", "-7ns", "1d1h1m1s1.002ms".
 std::optional<int64_t> ParseDuration(std::string_view text);
-// The largest units first, nothing for a zero unit: "1h2m3s4.5ms", "0ms".
+// Days, hours, minutes, then seconds with their fraction, nothing for a zero
+// unit: "1h2m3.0045s", "1.5s"; below a second "1.5ms", "250us", "7ns"; "0ms".
 std::string FormatDuration(int64_t ns);
 
 // "2024-03-15" (midnight), "2024-03-15-13:45:30.25"; the separator between
