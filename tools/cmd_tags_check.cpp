@@ -73,7 +73,7 @@ int cmd_check(const Options &opt) {
     const std::string &path = opt.args[0];
     HostTagList list;
     if (!list.load(path)) {
-        const std::string why = "the driver refuses " + list.refusal_text();
+        const std::string why = list.refusal_text();
         if (opt.json)
             std::printf("{\"status\":%d,\"refused\":%s}\n", kExitConfig, json_string(why).c_str());
         else

@@ -87,7 +87,8 @@ std::string HostTagList::refusal_text() const {
     case TagListStatus::CannotOpen:
         return "cannot open " + path_ + ": " + std::strerror(open_errno_);
     case TagListStatus::Refused:
-        return path_ + (r.line ? " line " + std::to_string(r.line) + " " : ": ") + r.reason;
+        return "the driver refuses " + path_ +
+               (r.line ? " line " + std::to_string(r.line) + " " : ": ") + r.reason;
     case TagListStatus::CloseFailed: return "cannot read " + path_ + " to its end";
     default: return "not enough memory for " + path_;
     }

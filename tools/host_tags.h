@@ -47,7 +47,8 @@ public:
     // False when the driver would not take the list.
     bool load(const std::string &path);
     const ParsedTagList &parsed() const { return parsed_; }
-    // The driver's refusal in words: "PATH line N reason", or why it cannot open it.
+    // Why the driver does not take the list: "the driver refuses PATH line N
+    // reason", or why the file cannot be opened.
     std::string refusal_text() const;
 
     const std::vector<HostTag> &tags() const { return tags_; }

@@ -53,7 +53,7 @@ std::vector<std::string> poll_names(const Options &opt) {
         std::ifstream in(f);
         if (!in) die(kExitUsage, "cannot open name list " + f, opt.json);
         for (std::string line; std::getline(in, line);) {
-            const size_t s = line.find_first_not_of(" \t");
+            const size_t s = line.find_first_not_of(" \t\r");
             const size_t e = line.find_last_not_of(" \t\r");
             if (s == std::string::npos || line[s] == '#') continue;
             names.push_back(line.substr(s, e - s + 1));
@@ -74,8 +74,7 @@ int run(int argc, char **argv) {
     if (chdir(h.opt.dir.c_str()) != 0)
         die(kExitConfig, "cannot change into " + h.opt.dir + ": " + std::strerror(errno), json);
     h.tag_list = tag_list_file_name(*h.opt.controller, h.opt.device);
-    if (!h.tags.load(h.tag_list))
-        die(kExitConfig, "the driver refuses " + h.tags.refusal_text(), json);
+    if (!h.tags.load(h.tag_list)) die(kExitConfig, h.tags.refusal_text(), json);
     if (h.opt.command == "tags") return cmd_tags(h);
     if (h.opt.command == "read") return cmd_read(h);
     if (h.opt.command == "write") return cmd_write(h);
