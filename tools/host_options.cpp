@@ -60,7 +60,7 @@ Options:
   --interval MS      poll: time from the start of one poll to the next (1000)
   --times N          poll: number of polls (default: until interrupted)
   --file LIST        poll: more names from LIST (one per line, # comments)
-  --version          the version of plc-host and its driver
+  --version          the version of plc-host and of the driver it was built with
   -h, --help         this text
 
 Names:
@@ -137,7 +137,8 @@ bool Parser::flag(const std::string &a) {
         std::exit(kExitOk);
     }
     if (a == "--version") {
-        std::printf("plc-host %s (libplc_driver %s)\n", PLC_HOST_VERSION, PLC_HOST_VERSION);
+        std::printf("plc-host %s (built with libplc_driver %s)\n", PLC_HOST_VERSION,
+                    PLC_HOST_VERSION);
         std::exit(kExitOk);
     }
     bool *const flags[] = {&o.json, &o.driver_log, &o.quiet, &o.verify};

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -31,7 +30,6 @@ struct HostTag {
     // Why the driver cannot reach it by its tag id; empty when it can.
     std::string unreachable;
 
-    bool indexed() const { return tag_id >= PLC_INDEXED_TAG_BASE; }
     bool is_array() const { return !dims.empty(); }
     // Elements the variable holds (1 for a scalar or a STRING).
     int64_t element_count() const;
