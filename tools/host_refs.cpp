@@ -20,12 +20,12 @@ bool parse_int(std::string_view text, int64_t &v) {
     return true;
 }
 
-bool parse_subscripts(std::string_view spec, std::vector<int64_t> &subs, std::string_view full,
-                      HostError &err) {
+bool parse_subscripts(std::string_view subscripts, std::vector<int64_t> &subs,
+                      std::string_view full, HostError &err) {
     size_t start = 0;
     for (;;) {
-        const size_t comma = spec.find(',', start);
-        const std::string_view part = spec.substr(
+        const size_t comma = subscripts.find(',', start);
+        const std::string_view part = subscripts.substr(
             start, comma == std::string_view::npos ? std::string_view::npos : comma - start);
         int64_t v = 0;
         if (!parse_int(part, v))
@@ -39,10 +39,10 @@ bool parse_subscripts(std::string_view spec, std::vector<int64_t> &subs, std::st
 }
 
 // One subscript list "a" or "a,b,c" to a linear position.
-bool spec_position(const HostTag &tag, std::string_view spec, int64_t &position,
-                   std::string_view full, HostError &err) {
+bool subscript_position(const HostTag &tag, std::string_view subscripts, int64_t &position,
+                        std::string_view full, HostError &err) {
     std::vector<int64_t> subs;
-    if (!parse_subscripts(spec, subs, full, err)) return false;
+    if (!parse_subscripts(subscripts, subs, full, err)) return false;
     const std::string where = "'" + std::string(full) + "': ";
     if (tag.dims.empty())
         return fail(err, kExitUnknown, where + "'" + tag.name + "' is not an array");
@@ -88,12 +88,12 @@ bool subscripted_run(std::string_view text, size_t open, ElementRun &run, HostEr
     const size_t dots = inside.find("..");
     int64_t first = 0, last = 0;
     if (dots == std::string_view::npos) {
-        if (!spec_position(*run.tag, inside, first, text, err)) return false;
+        if (!subscript_position(*run.tag, inside, first, text, err)) return false;
         last = first;
     } else {
         run.has_range = true;
-        if (!spec_position(*run.tag, inside.substr(0, dots), first, text, err) ||
-            !spec_position(*run.tag, inside.substr(dots + 2), last, text, err))
+        if (!subscript_position(*run.tag, inside.substr(0, dots), first, text, err) ||
+            !subscript_position(*run.tag, inside.substr(dots + 2), last, text, err))
             return false;
         if (last < first) return fail(err, kExitUsage, "'" + std::string(text) + "': empty range");
     }
