@@ -79,7 +79,8 @@ host() {
     echo "\$ plc-host $*"
     "$build/tools/plc-host" --controller 127.0.0.1 --device 1 --dir "$work" --quiet "$@"
 }
-watch=(LiveCounter LiveSine LiveToggle MachineState OperatorName 'SetPoints[0..3]' CycleTime)
+watch=(LiveCounter LiveSine LiveToggle MachineState OperatorName 'SetPoints[0..3]' CycleTime
+    ShiftStart StatusByte)
 
 say "polling: LiveCounter, LiveSine and LiveToggle change on the controller"
 host poll "${watch[@]}" --interval "$interval" --times "$polls"
@@ -88,6 +89,7 @@ say "writing from the panel"
 host write MachineState 1
 host write OperatorName Alice
 host write 'SetPoints[0]' 10 20 30 40
+host --verify write ShiftStart 06:30
 
 say "polling again: the values written"
 host poll "${watch[@]}" --interval "$interval" --times 2

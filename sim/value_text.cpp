@@ -1,11 +1,15 @@
 #include "sim/value_text.h"
 
+#include <algorithm>
+
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+
+#include "sim/time_text.h"
 
 namespace plc::sim {
 
@@ -69,18 +73,14 @@ std::optional<IntText> ParseIntText(std::string_view s) {
 namespace {
 
 // The whole text as a C floating-point number; none when anything is left over.
-std::optional<double> ParseDouble(std::string_view s, std::string_view *suffix = nullptr) {
+std::optional<double> ParseDouble(std::string_view s) {
     const std::string text(s);
     if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) return std::nullopt;
     char *end = nullptr;
     errno = 0;
     const double v = std::strtod(text.c_str(), &end);
     if (end == text.c_str() || errno == ERANGE) return std::nullopt;
-    const std::string_view rest = s.substr(size_t(end - text.c_str()));
-    if (suffix)
-        *suffix = rest;
-    else if (!rest.empty())
-        return std::nullopt;
+    if (end != text.c_str() + text.size()) return std::nullopt;
     return v;
 }
 
@@ -96,7 +96,7 @@ Encoded EncodeBool(std::string_view text, std::string *why) {
 }
 
 // Hex gives the bit pattern of the element; decimal its value.
-Encoded EncodeInteger(const TypeInfo &type, std::string_view text, std::string *why) {
+Encoded EncodeInteger(const ValueType &type, std::string_view text, std::string *why) {
     const auto n = ParseIntText(text);
     if (!n) {
         *why = "not an integer";
@@ -113,7 +113,7 @@ Encoded EncodeInteger(const TypeInfo &type, std::string_view text, std::string *
     return LittleEndian(bits, type.bytes);
 }
 
-Encoded EncodeReal(const TypeInfo &type, std::string_view text, std::string *why) {
+Encoded EncodeReal(const ValueType &type, std::string_view text, std::string *why) {
     const auto v = ParseDouble(text);
     if (!v) {
         *why = "not a number";
@@ -122,33 +122,45 @@ Encoded EncodeReal(const TypeInfo &type, std::string_view text, std::string *why
     return RealBytes(*v, type.bytes);
 }
 
-Encoded EncodeText(const Variable &var, std::string_view text, std::string *why) {
-    if (text.size() > var.str_len) {
-        *why = "longer than " + std::to_string(var.str_len) + " characters";
+Encoded EncodeText(const ValueType &type, std::string_view text, std::string *why) {
+    if (text.size() > type.str_len) {
+        *why = "longer than " + std::to_string(type.str_len) + " characters";
         return std::nullopt;
     }
-    std::vector<uint8_t> out(var.str_len + 1, 0);
+    std::vector<uint8_t> out(type.str_len + 1, 0);
     std::memcpy(out.data(), text.data(), text.size());
     return out;
 }
 
-// Milliseconds, or a number with a unit suffix; stored as nanoseconds.
-Encoded EncodeDuration(std::string_view text, std::string *why) {
-    std::string_view unit;
-    const auto v = ParseDouble(text, &unit);
-    if (!v || !std::isfinite(*v)) {
-        *why = "not a number";
-        return std::nullopt;
+// Each time kind in its own notation, or as a duration since its origin.
+Encoded EncodeTime(const ValueType &type, std::string_view text, std::string *why) {
+    std::optional<int64_t> ns;
+    if (type.kind == ValueKind::TimeOfDay) ns = ParseTimeOfDay(text);
+    if (type.kind == ValueKind::Date || type.kind == ValueKind::DateAndTime)
+        ns = ParseDateTime(text);
+    if (!ns) ns = ParseDuration(text);
+    if (ns) return LittleEndian(uint64_t(*ns), 8);
+    switch (type.kind) {
+    case ValueKind::Date: *why = "expected a date like 2024-03-15"; break;
+    case ValueKind::TimeOfDay: *why = "expected a time of day like 13:45:30.5"; break;
+    case ValueKind::DateAndTime: *why = "expected a date and time like 2024-03-15-13:45:30"; break;
+    default: *why = "expected milliseconds or a duration like 2s, 1h30m, 250us"; break;
     }
-    const double scale = unit.empty() || unit == "ms" ? 1e6
-                         : unit == "s"                ? 1e9
-                         : unit == "us"               ? 1e3
-                         : unit == "ns"               ? 1
-                                                      : 0;
-    const double ns = std::round(*v * scale);
-    if (scale != 0 && ns >= -9.2e18 && ns <= 9.2e18) return LittleEndian(uint64_t(int64_t(ns)), 8);
-    *why = scale == 0 ? "unit must be ns, us, ms or s" : "out of range";
     return std::nullopt;
+}
+
+} // namespace
+
+std::vector<uint8_t> RealBytes(double value, uint32_t bytes) {
+    if (bytes == 4) {
+        const float f = float(value);
+        uint32_t raw;
+        std::memcpy(&raw, &f, 4);
+        return LittleEndian(raw, 4);
+    }
+    uint64_t raw;
+    std::memcpy(&raw, &value, 8);
+    return LittleEndian(raw, 8);
 }
 
 std::string FormatReal(double v, bool single) {
@@ -180,52 +192,36 @@ std::string QuoteText(const uint8_t *bytes, size_t size) {
     return out + "\"";
 }
 
-} // namespace
-
-std::vector<uint8_t> RealBytes(double value, uint32_t bytes) {
-    if (bytes == 4) {
-        const float f = float(value);
-        uint32_t raw;
-        std::memcpy(&raw, &f, 4);
-        return LittleEndian(raw, 4);
-    }
-    uint64_t raw;
-    std::memcpy(&raw, &value, 8);
-    return LittleEndian(raw, 8);
-}
-
-std::optional<std::vector<uint8_t>> EncodeElement(const Variable &var, std::string_view text,
-                                                  std::string *error) {
-    const TypeInfo &type = *var.type;
-    std::string why = "unsupported type";
-    Encoded encoded;
+std::optional<std::vector<uint8_t>> ParseValue(const ValueType &type, std::string_view text,
+                                               std::string *why) {
     switch (type.kind) {
-    case ValueKind::Bool: encoded = EncodeBool(text, &why); break;
+    case ValueKind::Bool: return EncodeBool(text, why);
     case ValueKind::Signed:
-    case ValueKind::Unsigned: encoded = EncodeInteger(type, text, &why); break;
-    case ValueKind::Real: encoded = EncodeReal(type, text, &why); break;
-    case ValueKind::Text: encoded = EncodeText(var, text, &why); break;
-    case ValueKind::Duration: encoded = EncodeDuration(text, &why); break;
+    case ValueKind::Unsigned: return EncodeInteger(type, text, why);
+    case ValueKind::Real: return EncodeReal(type, text, why);
+    case ValueKind::Text: return EncodeText(type, text, why);
+    default: return EncodeTime(type, text, why);
     }
-    if (!encoded)
-        *error = "bad " + std::string(type.name) + " value '" + std::string(text) + "': " + why;
-    return encoded;
 }
 
-std::string FormatElement(const Variable &var, uint64_t element) {
-    const uint64_t start = element * var.element_bits;
-    if (var.type->kind == ValueKind::Bool)
-        return (var.data[start / 8] >> (start % 8)) & 1u ? "true" : "false";
-    const uint8_t *bytes = var.data.data() + start / 8;
-    if (var.type->kind == ValueKind::Text) return QuoteText(bytes, var.str_len + 1);
-    const uint64_t v = FromLittleEndian(bytes, var.type->bytes);
-    switch (var.type->kind) {
-    case ValueKind::Signed: return std::to_string(int64_t(SignExtend(v, var.type->bytes * 8)));
-    case ValueKind::Unsigned: return std::to_string(v);
+std::string FormatValue(const ValueType &type, const uint8_t *bytes, size_t size) {
+    if (type.kind == ValueKind::Text) return QuoteText(bytes, size);
+    if (type.kind == ValueKind::Bool) return size > 0 && bytes[0] != 0 ? "true" : "false";
+    const uint32_t width = uint32_t(std::min<size_t>(size, type.bytes));
+    const uint64_t v = FromLittleEndian(bytes, width);
+    switch (type.kind) {
+    case ValueKind::Signed: return std::to_string(int64_t(SignExtend(v, width * 8)));
+    case ValueKind::Unsigned: {
+        if (!type.hex) return std::to_string(v);
+        char buf[24];
+        std::snprintf(buf, sizeof buf, "0x%0*llX", int(2 * width),
+                      static_cast<unsigned long long>(v));
+        return buf;
+    }
     case ValueKind::Real: {
-        if (var.type->bytes == 4) {
-            const uint32_t raw = uint32_t(v);
+        if (width == 4) {
             float f;
+            const uint32_t raw = uint32_t(v);
             std::memcpy(&f, &raw, 4);
             return FormatReal(f, true);
         }
@@ -233,7 +229,10 @@ std::string FormatElement(const Variable &var, uint64_t element) {
         std::memcpy(&d, &v, 8);
         return FormatReal(d, false);
     }
-    case ValueKind::Duration: return std::to_string(int64_t(v)) + "ns";
+    case ValueKind::Duration: return FormatDuration(int64_t(v));
+    case ValueKind::Date: return FormatDate(int64_t(v));
+    case ValueKind::TimeOfDay: return FormatTimeOfDay(int64_t(v));
+    case ValueKind::DateAndTime: return FormatDateAndTime(int64_t(v));
     default: return "?";
     }
 }

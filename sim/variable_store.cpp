@@ -1,6 +1,6 @@
 #include "sim/variable_store.h"
 
-#include "sim/value_text.h"
+#include "sim/store_text.h"
 
 #include <cerrno>
 #include <cmath>
@@ -28,15 +28,15 @@ constexpr TypeInfo kTypes[] = {
     {"REAL", 0xCA, 4, ValueKind::Real},
     {"LREAL", 0xCB, 8, ValueKind::Real},
     {"STIME", 0xCC, 8, ValueKind::Duration},
-    {"DATE", 0xCD, 8, ValueKind::Duration},
+    {"DATE", 0xCD, 8, ValueKind::Date},
     {"STRING", 0xD0, 0, ValueKind::Text},
     {"BYTE", 0xD1, 1, ValueKind::Unsigned},
     {"WORD", 0xD2, 2, ValueKind::Unsigned},
     {"DWORD", 0xD3, 4, ValueKind::Unsigned},
     {"LWORD", 0xD4, 8, ValueKind::Unsigned},
     {"STRING2", 0xD5, 0, ValueKind::Text},
-    {"TIME_OF_DAY", 0xCE, 8, ValueKind::Duration},
-    {"DATE_AND_TIME", 0xCF, 8, ValueKind::Duration},
+    {"TIME_OF_DAY", 0xCE, 8, ValueKind::TimeOfDay},
+    {"DATE_AND_TIME", 0xCF, 8, ValueKind::DateAndTime},
     {"TIME", 0xD6, 8, ValueKind::Duration},
 };
 

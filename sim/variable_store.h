@@ -12,9 +12,9 @@
 #include <unordered_map>
 #include <vector>
 
-namespace plc::sim {
+#include "sim/value_text.h"
 
-enum class ValueKind { Bool, Signed, Unsigned, Real, Text, Duration };
+namespace plc::sim {
 
 struct TypeInfo {
     const char *name;
@@ -104,11 +104,8 @@ public:
     bool WriteBits(uint16_t index, uint64_t start, uint64_t count, const uint8_t *src);
 
     // Sets a value from text (the --set option). `target` is a name as for
-    // Lookup; naming an array without subscript sets every element. Values:
-    // BOOL true/false/1/0; integers in decimal or 0x hex, range-checked; reals
-    // as C floating-point text; text types verbatim, at most the declared
-    // length; time types a number of milliseconds, or with a unit suffix ns,
-    // us, ms or s (fractions allowed, e.g. 1.5s).
+    // Lookup; naming an array without subscript sets every element. Values
+    // in the shared syntax of ParseValue (sim/value_text.h).
     bool Assign(std::string_view target, std::string_view value, std::string *error);
 
     // Numeric element access for the live animation. Integers wrap to the

@@ -1,9 +1,10 @@
 // Loading libplc_driver.so the way a panel runtime does (dlopen + dlsym of the
-// C entry points), and keeping the driver's own diagnostics, which it prints
-// to standard output, apart from the tool's output.
+// C entry points), keeping the driver's diagnostics (it prints to standard
+// output, and a few system errors to standard error) out of the tool's
+// output, and ending the tool at once on Ctrl-C even inside a driver call,
+// which can wait 10 s for a reply.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "plc_driver.h"
@@ -32,45 +33,29 @@ private:
     DriverApi api_;
 };
 
-// Where the driver's standard output goes while the tool calls it.
-enum class DriverOutput {
-    Stderr,   // copied to the tool's standard error (default)
-    Stdout,   // left on standard output, mixed with the tool's output
-    Discard,  // thrown away (--quiet)
-    Keep,     // collected; the caller takes it with take_captured()
-};
+// SIGINT and SIGTERM end the tool at once with status 130, inside a driver
+// call too (the driver's output so far shown first when `show_log`); with
+// `graceful`, outside a driver call they only turn interrupted() true, so
+// that a poll ends after its current line.
+void install_interrupt_handler(bool show_log, bool graceful);
+bool interrupted();
 
-// Redirects file descriptor 1 for the duration of driver calls. Between calls
-// the tool's own output goes to the real standard output.
-class DriverOutputRedirect {
+// Standard output and standard error redirected into a buffer for the
+// duration of each driver call; the tool's own output goes to the real ones.
+class DriverLog {
 public:
-    explicit DriverOutputRedirect(DriverOutput mode);
-    ~DriverOutputRedirect();
-    DriverOutputRedirect(const DriverOutputRedirect &) = delete;
-    DriverOutputRedirect &operator=(const DriverOutputRedirect &) = delete;
+    DriverLog();
+    ~DriverLog();
+    DriverLog(const DriverLog &) = delete;
+    DriverLog &operator=(const DriverLog &) = delete;
 
-    void begin();  // before a driver call
-    void end();    // after it
-    // Text the driver printed since the last take (mode Keep).
-    std::string take_captured();
+    void begin(); // before a driver call
+    void end();   // after it
+    // What the driver printed since the last take.
+    std::string take();
 
 private:
-    DriverOutput mode_;
-    int capture_fd_ = -1;
-    int saved_fd_ = -1;
     std::string kept_;
 };
-
-// Runs f() with the driver's output redirected.
-template <typename F>
-auto with_driver_output(DriverOutputRedirect &redirect, F &&f) {
-    struct Scope {
-        DriverOutputRedirect &r;
-        ~Scope() { r.end(); }
-    };
-    redirect.begin();
-    Scope scope{redirect};
-    return f();
-}
 
 } // namespace plc::host

@@ -67,7 +67,7 @@ TEST_F(Connection, SecondProcessReusesTheSerialAndClosesTheOldConnection) {
     ASSERT_TRUE(serial);
 
     const RunResult r = RunProgram({HostPath(), "--lib", DriverLibraryPath(), "--controller", "127.0.0.1",
-                                    "--device", "1", "--json", "read", "Counter"},
+                                    "--device", "1", "--driver-log", "--json", "read", "Counter"},
                                    dir.path());
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_TRUE(Contains(r.out, "\"value\":5")) << r.out;
