@@ -24,6 +24,13 @@ source "$here/decode_checks.sh"
 port=44818
 
 # ------------------------------------------------------------------ analysis
+# expect_bytes N NAME HEX: the N-th request's payload is HEX ('.' any digit).
+expect_bytes() {
+    local n=$1 name=$2 want=$3
+    [[ "${payloads[$n]:-}" =~ ^${want}$ ]] ||
+        problem "$name request is ${payloads[$n]:-missing}, not $want"
+}
+
 # Decodes $pcap and checks it; exits 1 on any problem.
 analyze() {
     check_clean_decode
@@ -35,6 +42,14 @@ analyze() {
         problem "request order is not RegisterSession, Forward_Close, Large_Forward_Open," \
             "connected requests, Forward_Close, UnRegisterSession"
     fi
+
+    # The bring-up's bytes, exactly: the client ran with connection serial
+    # 0x0102; the session handle (bytes 4 to 7) is the controller's choice.
+    mapfile -t payloads < <(ts -Y "tcp.dstport == $port && enip" -T fields -e tcp.payload | tr -d ':')
+    local handle='........'
+    expect_bytes 0 RegisterSession "6500040000000000000000000000000000000000000000000100""0000"
+    expect_bytes 1 Forward_Close "6f002800${handle}0000000000000000000000000000000000000000080002000000""0000b20018004e0220062401""05f702013000""5a01a8c00300""010020022401"
+    expect_bytes 2 Large_Forward_Open "6f004400${handle}000000000000000000000000000000000000000000000200""00000000b20034005b0220062401""069a00000033""29009d9d0201""30005a01a8c0""07000000286b""6e00cc07f843""286b6e00cc07""f843a3030100""20022401"
 
     # Connection manager requests and replies, as the CIP dissector names them.
     cm_requests=$(ts -Y "tcp.dstport == $port && cip.cm.sc" -T fields -e cip.cm.sc | tr '\n' ' ')
@@ -138,7 +153,8 @@ wait_until "the simulator to listen on 127.0.0.1:$port" listening
 
 echo "--- client"
 client_rc=0
-"$client" --host 127.0.0.1 --port "$port" --reads 2 LiveCounter >client.out 2>&1 || client_rc=$?
+"$client" --host 127.0.0.1 --port "$port" --serial 258 --reads 2 LiveCounter >client.out 2>&1 ||
+    client_rc=$?
 cat client.out
 
 # Let the capture see the end of the conversation before it is stopped.
