@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include "plc_driver_api.h"
+#include "plc_driver_version.h"
 #include "plc_driver_records.h"
 #include "plc_driver_sockets.h"
 #include "plc_driver_tags.h"
