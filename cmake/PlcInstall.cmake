@@ -4,7 +4,7 @@
 #            lib/libplc_driver.so.1.0.0, libplc_driver.so.1, libplc_driver.so
 #            lib/pkgconfig/plc_driver.pc
 #            lib/cmake/plc_driver/   find_package(plc_driver) -> plc_driver::plc_driver
-#            share/doc/plc_driver/   README.md, LICENSE, the C example host
+#            share/doc/plc_driver/   README.md, CHANGELOG.md, LICENSE, the C example host
 #   tools    bin/plc-host, bin/plc-sim (when built)
 #   debug    lib/debug/.build-id/xx/yyyy.debug for each binary, written only by a
 #            stripped install (`cmake --install --strip`, the tarballs), so that
@@ -43,7 +43,7 @@ install(FILES ${CMAKE_BINARY_DIR}/generated/plc_driverConfig.cmake
               ${CMAKE_BINARY_DIR}/generated/plc_driverConfigVersion.cmake
   DESTINATION ${PLC_CMAKE_PACKAGE_DIR} COMPONENT library)
 
-install(FILES README.md LICENSE
+install(FILES README.md CHANGELOG.md LICENSE
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT library)
 install(FILES examples/c-host/c_host.c examples/c-host/PLC7F000001_1.csv
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/c-host COMPONENT library)
