@@ -19,19 +19,19 @@
 
 /* Host communication settings for the set-up helpers (12 bytes). */
 typedef struct CommSettings {
-    uint32_t reserved;  /* not used */
-    uint32_t address;   /* peer IPv4 address, first octet in the most significant byte */
-    uint16_t port;      /* peer port, host byte order */
-    uint8_t reserved2;  /* not used */
-    char protocol;      /* 'U' asks for a stream (TCP) socket, anything else a datagram socket */
+    uint32_t reserved; /* not used */
+    uint32_t address;  /* peer IPv4 address, first octet in the most significant byte */
+    uint16_t port;     /* peer port, host byte order */
+    uint8_t reserved2; /* not used */
+    char protocol;     /* 'U' asks for a stream (TCP) socket, anything else a datagram socket */
 } CommSettings;
 
 /* Host communication handle for the set-up helpers (20 bytes). */
 typedef struct CommHandle {
-    int32_t socket;             /* set by CommunicationSet; read by wk_time_set */
-    int32_t reserved;           /* not used */
-    int32_t wait_seconds;       /* wk_time_set mode 0: seconds to wait */
-    int32_t wait_milliseconds;  /* wk_time_set mode 1: milliseconds to wait */
+    int32_t socket;               /* set by CommunicationSet; read by wk_time_set */
+    int32_t reserved;             /* not used */
+    int32_t wait_seconds;         /* wk_time_set mode 0: seconds to wait */
+    int32_t wait_milliseconds;    /* wk_time_set mode 1: milliseconds to wait */
     uint32_t send_timeout_figure; /* CommunicationSet: send time-out of (figure % 10 + 3) s */
 } CommHandle;
 

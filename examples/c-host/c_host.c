@@ -26,13 +26,13 @@
 
 /* The tag ids: the lines of PLC7F000001_1.csv, counted from 0. */
 enum {
-    TAG_LIVE_COUNTER = 0, /* DINT */
-    TAG_LIVE_SINE = 1,    /* REAL */
-    TAG_MACHINE_STATE = 2,/* INT */
-    TAG_SET_POINTS = 3,   /* INT[0..3] */
-    TAG_ENERGY_TOTAL = 4, /* LINT: two 32-bit words */
-    TAG_OPERATOR = 5,     /* STRING, 16 characters */
-    TAG_CYCLE_TIME = 6    /* TIME: read as text, two characters per record */
+    TAG_LIVE_COUNTER = 0,  /* DINT */
+    TAG_LIVE_SINE = 1,     /* REAL */
+    TAG_MACHINE_STATE = 2, /* INT */
+    TAG_SET_POINTS = 3,    /* INT[0..3] */
+    TAG_ENERGY_TOTAL = 4,  /* LINT: two 32-bit words */
+    TAG_OPERATOR = 5,      /* STRING, 16 characters */
+    TAG_CYCLE_TIME = 6     /* TIME: read as text, two characters per record */
 };
 
 enum { DEVICE = 1, OPERATOR_LENGTH = 16, TIME_RECORDS = 12, SET_POINTS = 4 };
@@ -70,7 +70,8 @@ static void build_poll(PlcRequest *poll) {
     poll[AT_ENERGY] = record(TAG_ENERGY_TOTAL, 0);     /* low word */
     poll[AT_ENERGY + 1] = record(TAG_ENERGY_TOTAL, 1); /* high word */
     for (i = 0; i < OPERATOR_LENGTH; ++i) poll[AT_OPERATOR + i] = record(TAG_OPERATOR, (uint16_t)i);
-    for (i = 0; i < TIME_RECORDS; ++i) poll[AT_CYCLE_TIME + i] = record(TAG_CYCLE_TIME, (uint16_t)i);
+    for (i = 0; i < TIME_RECORDS; ++i)
+        poll[AT_CYCLE_TIME + i] = record(TAG_CYCLE_TIME, (uint16_t)i);
 }
 
 /* The text of a STRING (one character per record) or a TIME (two per record). */
@@ -115,7 +116,8 @@ static int poll_once(struct Values *v) {
     bits = poll[AT_SINE].result; /* a REAL arrives as its IEEE 754 bits */
     memcpy(&v->sine, &bits, sizeof v->sine);
     v->state = (int16_t)(uint16_t)poll[AT_STATE].result; /* 16-bit values are not sign-extended */
-    for (i = 0; i < SET_POINTS; ++i) v->set_points[i] = (int16_t)(uint16_t)poll[AT_SET_POINTS + i].result;
+    for (i = 0; i < SET_POINTS; ++i)
+        v->set_points[i] = (int16_t)(uint16_t)poll[AT_SET_POINTS + i].result;
     v->energy = (int64_t)((uint64_t)poll[AT_ENERGY + 1].result << 32 | poll[AT_ENERGY].result);
     text_of(poll + AT_OPERATOR, OPERATOR_LENGTH, 1, v->operator_name, sizeof v->operator_name);
     text_of(poll + AT_CYCLE_TIME, TIME_RECORDS, 2, v->cycle_time, sizeof v->cycle_time);
@@ -166,8 +168,8 @@ static int write_values(void) {
 static uint32_t parse_address(const char *text) {
     unsigned a, b, c, d;
     char end;
-    if (sscanf(text, "%u.%u.%u.%u%c", &a, &b, &c, &d, &end) != 4 || a > 255 || b > 255 ||
-        c > 255 || d > 255)
+    if (sscanf(text, "%u.%u.%u.%u%c", &a, &b, &c, &d, &end) != 4 || a > 255 || b > 255 || c > 255 ||
+        d > 255)
         return 0;
     return (uint32_t)a << 24 | (uint32_t)b << 16 | (uint32_t)c << 8 | (uint32_t)d;
 }
