@@ -26,9 +26,10 @@
  * Files, in the host process's working directory:
  *   - PLC<address>_<device>.csv, the tag list: the controller address of
  *     DriverSettings in upper-case hexadecimal, the device number of the
- *     request (PLC7F000001_1.csv for 127.0.0.1, device 1). Read on first use
- *     and kept until the next wk_plc_init; a refused list is read again on the
- *     next call.
+ *     request (PLC7F000001_1.csv for 127.0.0.1, device 1), a regular file.
+ *     Read on first use and kept until the next wk_plc_init. A missing list is
+ *     looked for on every call; a refused one is not read again until the
+ *     file changes.
  *   - session_<port>.dat, four bytes: the connection serial number, reused
  *     after a restart so that the controller closes its stale connection.
  *
