@@ -18,10 +18,12 @@
  * 10 s. The everyday call makes one exchange (a read, a write, or a batch of up
  * to 15 read items per exchange); the first use of a variable adds its
  * resolution by name (one exchange per variable, 20 per exchange in a batch),
- * and a call that finds the connection broken first rebuilds it (close what is
- * left, connect, register, open: up to four exchanges). Against a controller
- * that accepts TCP connections and never answers, such a call can therefore
- * block for several 10 s waits before it returns 2 or 3.
+ * and a call that finds the connection broken first rebuilds it: it closes
+ * what is left (the close of the old connection waits at most 1 s for its
+ * answer), then connects, registers a session and opens the connection (up to
+ * three more exchanges). Against a controller that accepts TCP connections and
+ * never answers, such a call can therefore block for a 10 s wait or more
+ * before it returns 2 or 3.
  *
  * Files, in the host process's working directory:
  *   - PLC<address>_<device>.csv, the tag list: the controller address of
@@ -79,8 +81,8 @@ PLC_API int32_t wk_plc_init(DriverSettings *settings);
  * Returns 0; 3 (no panel address, or the session or the connection could not
  * be opened; also when device_port is null); -1 (the controller refused the
  * registration). A failure is not final: the next read or write tries again.
- * Blocks for the connect and three exchanges (five when it replaces a
- * connection it opened before).
+ * Blocks for the connect and three exchanges, and first for the close of a
+ * connection it opened before (at most 1 s for its answer).
  */
 PLC_API int32_t wk_plc_init2(uint32_t unused1, uint32_t unused2, const uint8_t *device_port);
 
