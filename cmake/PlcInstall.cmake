@@ -5,7 +5,8 @@
 #            lib/pkgconfig/plc_driver.pc
 #            lib/cmake/plc_driver/   find_package(plc_driver) -> plc_driver::plc_driver
 #            share/doc/plc_driver/   README.md, CHANGELOG.md, LICENSE, the C example host
-#   tools    bin/plc-host, bin/plc-sim (when built)
+#            share/man/man3/plc_driver.3 (man/CMakeLists.txt)
+#   tools    bin/plc-host, bin/plc-sim (when built), share/man/man1/ (man/CMakeLists.txt)
 #   debug    lib/debug/.build-id/xx/yyyy.debug for each binary, written only by a
 #            stripped install (`cmake --install --strip`, the tarballs), so that
 #            the debug information is kept apart from the binaries.
