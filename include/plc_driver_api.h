@@ -1,6 +1,6 @@
 /*
- * Export and linkage macros shared by the public headers of libplc_driver.
- * Valid C89 and C++98.
+ * Export, linkage and inline macros shared by the public headers of
+ * libplc_driver. Valid C89 and C++98.
  */
 #ifndef PLC_DRIVER_API_H
 #define PLC_DRIVER_API_H
@@ -14,6 +14,19 @@
 #define PLC_API
 #define PLC_NORETURN
 #define PLC_PRINTF(format_index, first_arg)
+#endif
+
+/*
+ * Functions defined in the headers themselves (they are not exported by the
+ * library). C89 has no inline: GNU C's __inline__ keeps a host that does not
+ * call them free of unused-function warnings.
+ */
+#if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 199901L)
+#define PLC_INLINE static inline
+#elif defined(__GNUC__)
+#define PLC_INLINE static __inline__
+#else
+#define PLC_INLINE static
 #endif
 
 #ifdef __cplusplus
