@@ -70,8 +70,8 @@ static void on_translate(qemu_plugin_id_t id, struct qemu_plugin_tb *tb) {
 }
 
 static void on_syscall(qemu_plugin_id_t id, unsigned int vcpu, int64_t num, uint64_t a1,
-                       uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5, uint64_t a6,
-                       uint64_t a7, uint64_t a8) {
+                       uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5, uint64_t a6, uint64_t a7,
+                       uint64_t a8) {
     (void)id, (void)vcpu, (void)a4, (void)a5, (void)a6, (void)a7, (void)a8;
     (void)a2;
     if (num == kWrite && ((a1 & 0xFFFFFFFFu) == kBegin || (a1 & 0xFFFFFFFFu) == kEnd)) {

@@ -144,32 +144,80 @@ struct Run {
 // characters, array runs, BOOL array elements and indexed tags of four groups.
 constexpr std::array kPollSet{
     // PartCounter .. BatchNo: DINT REAL BOOL INT UDINT UINT USINT SINT WORD DWORD BOOL BOOL DINT
-    Run{0, 0, 1}, Run{1, 0, 1}, Run{2, 0, 1}, Run{3, 0, 1}, Run{4, 0, 1}, Run{5, 0, 1},
-    Run{6, 0, 1}, Run{7, 0, 1}, Run{8, 0, 1}, Run{9, 0, 1}, Run{10, 0, 1}, Run{11, 0, 1},
+    Run{0, 0, 1},
+    Run{1, 0, 1},
+    Run{2, 0, 1},
+    Run{3, 0, 1},
+    Run{4, 0, 1},
+    Run{5, 0, 1},
+    Run{6, 0, 1},
+    Run{7, 0, 1},
+    Run{8, 0, 1},
+    Run{9, 0, 1},
+    Run{10, 0, 1},
+    Run{11, 0, 1},
     Run{12, 0, 1},
     // EnergyTotal LINT, FlowTotal LREAL, CycleTime TIME, OperatorName STRING[20]
-    Run{13, 0, 2}, Run{14, 0, 2}, Run{15, 0, 4}, Run{16, 0, 8},
+    Run{13, 0, 2},
+    Run{14, 0, 2},
+    Run{15, 0, 4},
+    Run{16, 0, 8},
     // SetPoints INT[0..9], MotorSpeed DINT[1..10], TempProfile REAL[2,5], FlowHistory
     // LREAL[10], Counters64 LINT[5], RawBytes USINT[16], DoorSwitch BOOL[8], WordTable UINT[2,8]
-    Run{17, 0, 10}, Run{18, 1, 10}, Run{19, 0, 10}, Run{20, 0, 8}, Run{21, 0, 4},
-    Run{22, 0, 4}, Run{23, 0, 4}, Run{24, 0, 3},
+    Run{17, 0, 10},
+    Run{18, 1, 10},
+    Run{19, 0, 10},
+    Run{20, 0, 8},
+    Run{21, 0, 4},
+    Run{22, 0, 4},
+    Run{23, 0, 4},
+    Run{24, 0, 3},
     // AlarmWord00..03 WORD, Zone01..04_Temp REAL, Tank1/2_Level LREAL, Valve01/02_Open
     // BOOL, Axis1_Targets DINT[0..3]
-    Run{262144, 0, 1}, Run{262145, 0, 1}, Run{262146, 0, 1}, Run{262147, 0, 1},
-    Run{270336, 0, 1}, Run{270337, 0, 1}, Run{270338, 0, 1}, Run{270339, 0, 1},
-    Run{303104, 0, 2}, Run{303105, 0, 2}, Run{393216, 0, 1}, Run{393217, 0, 1},
+    Run{262144, 0, 1},
+    Run{262145, 0, 1},
+    Run{262146, 0, 1},
+    Run{262147, 0, 1},
+    Run{270336, 0, 1},
+    Run{270337, 0, 1},
+    Run{270338, 0, 1},
+    Run{270339, 0, 1},
+    Run{303104, 0, 2},
+    Run{303105, 0, 2},
+    Run{393216, 0, 1},
+    Run{393217, 0, 1},
     Run{524288, 0, 4},
 };
 
 // Values the simulator is started with, so that the poll reads something.
 constexpr std::array<std::string_view, 27> kSimSets{
-    "PartCounter=123456", "LineSpeed=12.5", "Running=true", "MachineState=2",
-    "ProductCount=4000000000", "RejectCount=17", "StationNo=7", "TempOffset=-5",
-    "ControlWord=0xA55A", "AlarmMask=0xDEADBEEF", "EStopOk=true", "BatchNo=2024",
-    "EnergyTotal=0x123456789AB", "FlowTotal=1234.5678", "CycleTime=1234.5",
-    "OperatorName=Alice Smith", "SetPoints=150", "SetPoints[3]=-20", "MotorSpeed[10]=1750",
-    "TempProfile=21.5", "FlowHistory=0.25", "RawBytes=0x41", "DoorSwitch[1]=true",
-    "Zone01_Temp=180.5", "Tank1_Level=512.25", "Valve01_Open=true", "Axis1_Targets[3]=-100000",
+    "PartCounter=123456",
+    "LineSpeed=12.5",
+    "Running=true",
+    "MachineState=2",
+    "ProductCount=4000000000",
+    "RejectCount=17",
+    "StationNo=7",
+    "TempOffset=-5",
+    "ControlWord=0xA55A",
+    "AlarmMask=0xDEADBEEF",
+    "EStopOk=true",
+    "BatchNo=2024",
+    "EnergyTotal=0x123456789AB",
+    "FlowTotal=1234.5678",
+    "CycleTime=1234.5",
+    "OperatorName=Alice Smith",
+    "SetPoints=150",
+    "SetPoints[3]=-20",
+    "MotorSpeed[10]=1750",
+    "TempProfile=21.5",
+    "FlowHistory=0.25",
+    "RawBytes=0x41",
+    "DoorSwitch[1]=true",
+    "Zone01_Temp=180.5",
+    "Tank1_Level=512.25",
+    "Valve01_Open=true",
+    "Axis1_Targets[3]=-100000",
 };
 
 uint32_t float_bits(float f) {
@@ -185,10 +233,17 @@ struct Check {
     uint32_t expected;
 };
 const std::array kChecks{
-    Check{0, 0, 123456},         Check{1, 0, float_bits(12.5f)}, Check{2, 0, 1},
-    Check{7, 0, 0xFB},           Check{16, 0, 'A'},              Check{16, 6, 'S'},
-    Check{17, 3, 0xFFEC},        Check{18, 10, 1750},            Check{23, 1, 1},
-    Check{270336, 0, float_bits(180.5f)}, Check{524288, 3, uint32_t(-100000)},
+    Check{0, 0, 123456},
+    Check{1, 0, float_bits(12.5f)},
+    Check{2, 0, 1},
+    Check{7, 0, 0xFB},
+    Check{16, 0, 'A'},
+    Check{16, 6, 'S'},
+    Check{17, 3, 0xFFEC},
+    Check{18, 10, 1750},
+    Check{23, 1, 1},
+    Check{270336, 0, float_bits(180.5f)},
+    Check{524288, 3, uint32_t(-100000)},
 };
 
 PlcRequest record_for(uint16_t device, uint32_t tag, uint32_t element) {
@@ -222,8 +277,8 @@ bool values_ok(const std::vector<PlcRequest> &records, std::FILE *err) {
             const uint32_t id = uint32_t(r.tag_high) << 16 | r.address >> 16;
             if (id != c.tag || (r.address & 0xFFFFu) != c.element) continue;
             if (r.result != c.expected) {
-                std::fprintf(err, "bench_poll: tag %u element %u read 0x%X, expected 0x%X\n",
-                             c.tag, c.element, r.result, c.expected);
+                std::fprintf(err, "bench_poll: tag %u element %u read 0x%X, expected 0x%X\n", c.tag,
+                             c.element, r.result, c.expected);
                 return false;
             }
         }
@@ -279,7 +334,8 @@ struct Regions {
 
     // Runs `body` (which performs `ops` operations and returns false on a
     // failure) as one marked region and reports it.
-    template <typename Body> bool run(const std::string &label, int ops, Body &&body) {
+    template <typename Body>
+    bool run(const std::string &label, int ops, Body &&body) {
         const int id = next_id++;
         const uint64_t messages = sim_counter(stats, "messages");
         const std::string dump = "r" + std::to_string(id);
@@ -295,13 +351,12 @@ struct Regions {
         CALLGRIND_STOP_INSTRUMENTATION;
         const auto t1 = Clock::now();
         const Heap heap1 = g_heap;
-        const double exchanges =
-            double(sim_counter(stats, "messages") - messages) / double(ops);
-        std::fprintf(g_out, "R|%s|%s|%d|%.2f|%.2f|%.2f|%.1f|%.1f\n", group.c_str(),
-                     label.c_str(), ops,
-                     std::chrono::duration<double, std::micro>(t1 - t0).count() / ops,
+        const double exchanges = double(sim_counter(stats, "messages") - messages) / double(ops);
+        std::fprintf(g_out, "R|%s|%s|%d|%.2f|%.2f|%.2f|%.1f|%.1f\n", group.c_str(), label.c_str(),
+                     ops, std::chrono::duration<double, std::micro>(t1 - t0).count() / ops,
                      double(heap1.calls - heap0.calls) / ops, stats.empty() ? -1.0 : exchanges,
-                     double(heap1.peak - heap0.live) / 1024, double(heap1.live - heap0.live) / 1024);
+                     double(heap1.peak - heap0.live) / 1024,
+                     double(heap1.live - heap0.live) / 1024);
         g_heap.peak = std::max(heap0.peak, heap1.peak);
         if (!ok) std::fprintf(stderr, "bench_poll: region '%s' failed\n", label.c_str());
         return ok;
@@ -351,8 +406,7 @@ public:
         Bytes request, reply;
         while (get_block(f, request) && get_block(f, reply)) {
             // SendUnitData requests of the read service (0x55).
-            if (request.size() > 46 && request[0] == 0x70 && request[1] == 0 &&
-                request[46] == 0x55)
+            if (request.size() > 46 && request[0] == 0x70 && request[1] == 0 && request[46] == 0x55)
                 requests_.push_back(request);
         }
         std::fclose(f);
@@ -415,7 +469,8 @@ struct Side {
     }
 };
 
-template <typename Op> bool timed_call(Op &&op, Side &side) {
+template <typename Op>
+bool timed_call(Op &&op, Side &side) {
     const double c0 = thread_cpu_seconds();
     const auto t0 = Clock::now();
     const bool ok = op();
@@ -483,9 +538,11 @@ int timed(int polls, int rounds, const char *recording) {
     const double n = double(polls) * rounds;
     std::fprintf(g_out, "\n%d rounds of %d polls of 100 records (wall: median of the rounds)\n",
                  rounds, polls);
-    std::fprintf(g_out, "  S|wall us/poll|%.1f|p50 %.1f, p99 %.1f\n", percentile(driver_wall, 0.5) * 1e6,
-                 percentile(driver_each, 0.5) * 1e6, percentile(driver_each, 0.99) * 1e6);
-    std::fprintf(g_out, "  S|CPU us/poll|%.1f|user and system, this thread\n", driver_cpu / n * 1e6);
+    std::fprintf(g_out, "  S|wall us/poll|%.1f|p50 %.1f, p99 %.1f\n",
+                 percentile(driver_wall, 0.5) * 1e6, percentile(driver_each, 0.5) * 1e6,
+                 percentile(driver_each, 0.99) * 1e6);
+    std::fprintf(g_out, "  S|CPU us/poll|%.1f|user and system, this thread\n",
+                 driver_cpu / n * 1e6);
     std::fprintf(g_out, "  S|heap allocations per poll|%.3f|%llu in %.0f polls\n",
                  double(allocations) / n, (unsigned long long)allocations, n);
     if (with_floor) {
@@ -495,7 +552,8 @@ int timed(int polls, int rounds, const char *recording) {
                      percentile(floor_wall, 0.5) * 1e6, percentile(floor_each, 0.5) * 1e6,
                      percentile(floor_each, 0.99) * 1e6);
         std::fprintf(g_out, "  S|floor CPU us/poll|%.1f|\n", floor_cpu / n * 1e6);
-        std::fprintf(g_out, "  S|ratio wall/floor|%.3f|median of the rounds' ratios (%.3f to %.3f); "
+        std::fprintf(g_out,
+                     "  S|ratio wall/floor|%.3f|median of the rounds' ratios (%.3f to %.3f); "
                      "of the p50s %.3f\n",
                      percentile(ratios, 0.5), percentile(ratios, 0), percentile(ratios, 1),
                      percentile(driver_each, 0.5) / percentile(floor_each, 0.5));
@@ -519,7 +577,8 @@ int count(const std::string &group, int polls, int reps, const std::string &stat
         // The loads before the counted one warm the file cache and the heap.
         for (size_t k = 0; k < std::size(kListDevices); ++k) {
             for (int rep = 1; rep < reps; ++rep) {
-                if (!bring_up(false) || !load_tag_list(kListDevices[k])) return fail("a load failed");
+                if (!bring_up(false) || !load_tag_list(kListDevices[k]))
+                    return fail("a load failed");
             }
             if (!bring_up(false)) return fail("wk_plc_init failed");
             const std::string label = "tag list of " + std::to_string(kListLines[k]) + " lines";
@@ -650,12 +709,18 @@ int main(int argc, char **argv) {
     std::string stats;
     for (int i = arg1.empty() ? 2 : 3; i + 1 < argc; i += 2) {
         const std::string_view opt = argv[i];
-        if (opt == "--polls") polls = std::max(1, std::atoi(argv[i + 1]));
-        else if (opt == "--rounds") rounds = std::max(1, std::atoi(argv[i + 1]));
-        else if (opt == "--reps") reps = std::max(1, std::atoi(argv[i + 1]));
-        else if (opt == "--floor") recording = argv[i + 1];
-        else if (opt == "--stats") stats = argv[i + 1];
-        else return fail("unknown option");
+        if (opt == "--polls")
+            polls = std::max(1, std::atoi(argv[i + 1]));
+        else if (opt == "--rounds")
+            rounds = std::max(1, std::atoi(argv[i + 1]));
+        else if (opt == "--reps")
+            reps = std::max(1, std::atoi(argv[i + 1]));
+        else if (opt == "--floor")
+            recording = argv[i + 1];
+        else if (opt == "--stats")
+            stats = argv[i + 1];
+        else
+            return fail("unknown option");
     }
     if (mode == "sim-sets") {
         for (const auto set : kSimSets) std::printf("%.*s\n", int(set.size()), set.data());

@@ -227,11 +227,16 @@ int main(int argc, char **argv) {
     long port = 44818, upstream = 0;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string arg = argv[i];
-        if (arg == "--record") record_path = argv[i + 1];
-        else if (arg == "--replay") replay_path = argv[i + 1];
-        else if (arg == "--port") port = std::strtol(argv[i + 1], nullptr, 10);
-        else if (arg == "--upstream") upstream = std::strtol(argv[i + 1], nullptr, 10);
-        else record_path = replay_path = nullptr, i = argc;
+        if (arg == "--record")
+            record_path = argv[i + 1];
+        else if (arg == "--replay")
+            replay_path = argv[i + 1];
+        else if (arg == "--port")
+            port = std::strtol(argv[i + 1], nullptr, 10);
+        else if (arg == "--upstream")
+            upstream = std::strtol(argv[i + 1], nullptr, 10);
+        else
+            record_path = replay_path = nullptr, i = argc;
     }
     const bool ports_ok = port > 0 && port < 65536 && upstream >= 0 && upstream < 65536;
     if (argc % 2 == 0 || !ports_ok || (record_path != nullptr) == (replay_path != nullptr) ||

@@ -77,7 +77,8 @@ void BM_BuildTagTable100k(benchmark::State &state) {
         std::vector<plc::IndexedGroup> groups;
         const size_t live_before = g_live.load();
         g_peak.store(live_before);
-        const uint32_t *counts = plc::build_tagtable(&plain, &groups, file.path(), plc::groupID_table);
+        const uint32_t *counts =
+            plc::build_tagtable(&plain, &groups, file.path(), plc::groupID_table);
         if (counts == nullptr) {
             state.SkipWithError("build failed");
             break;
@@ -115,7 +116,8 @@ BENCHMARK(BM_ParseOneLine);
 void BM_FindIndexedEntry(benchmark::State &state) {
     std::vector<TagEntry> plain;
     std::vector<plc::IndexedGroup> groups;
-    const uint32_t *counts = plc::build_tagtable(&plain, &groups, list_file().path(), plc::groupID_table);
+    const uint32_t *counts =
+        plc::build_tagtable(&plain, &groups, list_file().path(), plc::groupID_table);
     if (counts == nullptr) {
         state.SkipWithError("build failed");
         return;
@@ -141,8 +143,7 @@ void *operator new(std::size_t size) {
     *static_cast<size_t *>(block) = size;
     const size_t live = g_live.fetch_add(size) + size;
     size_t peak = g_peak.load();
-    while (live > peak && !g_peak.compare_exchange_weak(peak, live)) {
-    }
+    while (live > peak && !g_peak.compare_exchange_weak(peak, live)) {}
     return static_cast<char *>(block) + kHeader;
 }
 

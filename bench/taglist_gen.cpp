@@ -63,7 +63,8 @@ bool write_tag_list(std::ostream &out, const TagListShape &shape) {
         const unsigned long first = kIndexedBase + g * kBlockIds;
         const Kind &kind = kKinds[g % kind_count];
         for (size_t i = 0; i < shape.group_size; ++i) {
-            write_line(out, "Grp" + std::to_string(g) + "_Item" + std::to_string(i), kind, first + i);
+            write_line(out, "Grp" + std::to_string(g) + "_Item" + std::to_string(i), kind,
+                       first + i);
             if (i % 50 == 25 && next_plain < shape.plain) plain_line();
         }
     }

@@ -97,8 +97,8 @@ void save_session() {
     session_file_name(name);
     // Only a regular file is written, and opening never waits: a FIFO of that
     // name without a reader is refused at once instead of blocking the host.
-    const UniqueFd fd(::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC,
-                             kSessionFileMode));
+    const UniqueFd fd(
+        ::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, kSessionFileMode));
     struct stat st {};
     if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         std::printf("[PLC] open session_file fail\n at line %d\r\n", 143);
@@ -161,9 +161,9 @@ Status OMRON_EIP_INIT(uint32_t force_new_serial) {
 
     const uint8_t route_prefix[1] = {0};
     connection = _ConnectPLCOverCNET(*session, 0, _Priority, _TimeOut_Ticks, kToConnectionId,
-                                     static_cast<uint16_t>(serial_n & 0xFFFFu),
-                                     _OriginatorVendorID, _OriginatorSerialNumber,
-                                     _TimeOutMultiplier, kRpiArgument, _Transport, route_prefix, 0);
+                                     static_cast<uint16_t>(serial_n & 0xFFFFu), _OriginatorVendorID,
+                                     _OriginatorSerialNumber, _TimeOutMultiplier, kRpiArgument,
+                                     _Transport, route_prefix, 0);
     if (!connection) {
         std::printf("[PLC] connection error at line %d\r\n", 652);
         return Status::ConfigError;

@@ -17,8 +17,8 @@
 #include "engine/batch_read.h"
 #include "engine/engine_state.h"
 #include "engine/single_request.h"
-#include "plc_driver.h"
 #include "platform/plc_ethernet.h"
+#include "plc_driver.h"
 #include "tags/tag_cache.h"
 #include "util/status.h"
 
@@ -107,11 +107,10 @@ int32_t wk_plc_write(PlcRequest *request, PlcData *data) {
 int32_t wk_OMRON_plc_read(PlcRequest *requests, int32_t count) {
     // The batch names its tag list from the first record, even for a count of 0.
     if (requests == nullptr) return plc::to_host(plc::Status::ConfigError);
-    return plc::guarded("wk_OMRON_plc_read", plc::Status::CommFailure, true,
-                        [requests, count]() {
-                            plc::DriverLink link;
-                            return plc::batch_read(link, plc::g_s_settings, requests, count);
-                        });
+    return plc::guarded("wk_OMRON_plc_read", plc::Status::CommFailure, true, [requests, count]() {
+        plc::DriverLink link;
+        return plc::batch_read(link, plc::g_s_settings, requests, count);
+    });
 }
 
 int32_t wk_OMRON_plc_register(void) { return plc::to_host(plc::Status::Ok); }

@@ -107,8 +107,8 @@ std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &co
     while (sent) {
         const auto size = receive_message_into(session.sock, buffers.recv, wait);
         if (!size) break;
-        const ConnectedReply reply = match_connected_reply(
-            wire::Bytes{buffers.recv.data, *size}, connection.to_conn_id, sequence);
+        const ConnectedReply reply = match_connected_reply(wire::Bytes{buffers.recv.data, *size},
+                                                           connection.to_conn_id, sequence);
         if (reply.match == ReplyMatch::Other) continue;
         // A reply whose data item does not even fit the message says nothing.
         if (reply.data_item.size == 0) break;
@@ -135,9 +135,9 @@ int32_t CIP_TransRecv(EipSession &session, CipConnection &connection,
     if (!mr.ok()) return -1;
 
     Change_Time = (service == cip::kServiceReadByHandle || connection.write_mode == 1) ? 1 : 0;
-    const auto item = _ConnectedSend(session, connection, buffers,
-                                     kConnectedRequestHeadroom - kConnectedMrRequestAt +
-                                         request_len);
+    const auto item =
+        _ConnectedSend(session, connection, buffers,
+                       kConnectedRequestHeadroom - kConnectedMrRequestAt + request_len);
     if (!item) return -1;
 
     const long reply_size = long{*wire::Reader(*item).u16_at(2)} - long{kSequenceSize};

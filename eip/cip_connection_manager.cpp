@@ -13,7 +13,7 @@ namespace plc {
 
 namespace {
 
-constexpr size_t kMaxPathBytes = 510;   // the path size byte counts 16-bit words
+constexpr size_t kMaxPathBytes = 510; // the path size byte counts 16-bit words
 constexpr size_t kMaxItemPayload = 0xFFFF;
 constexpr uint32_t kOtConnIdRequested = 0x33000000;
 constexpr uint32_t kRpiExtraUs = 392;
@@ -42,8 +42,7 @@ std::optional<MrSpan> _GetMRReply(wire::Bytes message) {
         skip = 28;
         size = *length - 28u;
         break;
-    default:
-        break;
+    default: break;
     }
     if (!in.has(*item + skip, size)) return std::nullopt;
     return MrSpan{*item + skip, size};
@@ -60,18 +59,17 @@ void WritePath(wire::Writer &out, const uint8_t *path, uint8_t path_len) {
 } // namespace
 
 std::optional<MrRequest> _BuildMRRequest(uint8_t service, const uint8_t *path, size_t path_len,
-                                         const uint8_t *data, size_t data_len,
-                                         size_t *total_size) {
-    if ((path_len > 0 && path == nullptr) || (data_len > 0 && data == nullptr))
-        return std::nullopt;
-    if (path_len > kMaxPathBytes || data_len > kMaxItemPayload - 2 - path_len)
-        return std::nullopt;
+                                         const uint8_t *data, size_t data_len, size_t *total_size) {
+    if ((path_len > 0 && path == nullptr) || (data_len > 0 && data == nullptr)) return std::nullopt;
+    if (path_len > kMaxPathBytes || data_len > kMaxItemPayload - 2 - path_len) return std::nullopt;
     const size_t total = 2 + path_len + data_len;
     try {
         MrRequest request(total, 0);
         wire::Writer out(request.data(), request.size());
-        out.u8(service).u8(static_cast<uint8_t>(path_len / 2)).bytes(path, path_len).bytes(
-            data, data_len);
+        out.u8(service)
+            .u8(static_cast<uint8_t>(path_len / 2))
+            .bytes(path, path_len)
+            .bytes(data, data_len);
         if (!out.ok()) return std::nullopt;
         if (total_size) *total_size = total;
         return request;
@@ -125,13 +123,12 @@ std::optional<MrReply> _SendMRRequest(EipSession &session, uint8_t service, cons
     return _ExSendMRRequest(session, request->data(), size, reply_size);
 }
 
-std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priority,
-                                             uint8_t ticks, uint32_t to_conn_id,
-                                             uint16_t conn_serial, uint16_t vendor_id,
-                                             uint32_t orig_serial, uint8_t timeout_multiplier,
-                                             uint32_t rpi, uint32_t conn_params,
-                                             uint8_t transport, const uint8_t *path,
-                                             uint8_t path_len) {
+std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priority, uint8_t ticks,
+                                             uint32_t to_conn_id, uint16_t conn_serial,
+                                             uint16_t vendor_id, uint32_t orig_serial,
+                                             uint8_t timeout_multiplier, uint32_t rpi,
+                                             uint32_t conn_params, uint8_t transport,
+                                             const uint8_t *path, uint8_t path_len) {
     if (path_len > 0 && path == nullptr) return nullptr;
     const size_t words = (size_t{path_len} + 1) / 2;
     const uint32_t rpi_us = rpi * 1000u + kRpiExtraUs;
@@ -218,15 +215,15 @@ int Forward_Close(std::unique_ptr<CipConnection> connection) {
     const auto path_len =
         static_cast<uint8_t>(std::min<size_t>(connection->path_len, connection->path.size()));
     return _ExForward_Close(*connection->eip_session, _Priority_1, _TimeOut_Ticks_1,
-                            connection->conn_serial, connection->vendor_id,
-                            connection->orig_serial, connection->path.data(), path_len);
+                            connection->conn_serial, connection->vendor_id, connection->orig_serial,
+                            connection->path.data(), path_len);
 }
 
-std::unique_ptr<CipConnection> _ConnectPLCOverCNET(
-    EipSession &session, int mode, uint8_t /*priority*/, uint8_t /*ticks*/, uint32_t to_conn_id,
-    uint16_t conn_serial, uint16_t vendor_id, uint32_t orig_serial,
-    uint8_t /*timeout_multiplier*/, uint32_t rpi, uint8_t /*transport*/,
-    const uint8_t *route_prefix, uint8_t route_prefix_len) {
+std::unique_ptr<CipConnection>
+_ConnectPLCOverCNET(EipSession &session, int mode, uint8_t /*priority*/, uint8_t /*ticks*/,
+                    uint32_t to_conn_id, uint16_t conn_serial, uint16_t vendor_id,
+                    uint32_t orig_serial, uint8_t /*timeout_multiplier*/, uint32_t rpi,
+                    uint8_t /*transport*/, const uint8_t *route_prefix, uint8_t route_prefix_len) {
     if (route_prefix_len > 0 && route_prefix == nullptr) return nullptr;
     // The path length travels in one byte.
     if (size_t{route_prefix_len} + ROUTER_PATH.size() > 0xFF) return nullptr;
@@ -249,8 +246,8 @@ std::unique_ptr<CipConnection> _ConnectPLCOverCNET(
 
         const uint32_t params = (mode == 1 || mode == 2) ? kConnParamsModes12 : kConnParamsDefault;
         return _Forward_Open(session, _Priority, _TimeOut_Ticks, to_conn_id, conn_serial,
-                             _OriginatorVendorID, _OriginatorSerialNumber, _TimeOutMultiplier,
-                             rpi, params, _Transport, path.data(), path_len);
+                             _OriginatorVendorID, _OriginatorSerialNumber, _TimeOutMultiplier, rpi,
+                             params, _Transport, path.data(), path_len);
     } catch (const std::bad_alloc &) {
         return nullptr;
     }

@@ -27,7 +27,7 @@ constexpr uint8_t _TimeOut_Ticks_1 = 0xF7;
 // Connection manager (class 0x06, instance 1): where Forward_Open and
 // Forward_Close are sent.
 inline constexpr std::array<uint8_t, 4> CM_PATH{cip::kSegmentClass8, cip::kClassConnectionManager,
-                                               cip::kSegmentInstance8, 0x01};
+                                                cip::kSegmentInstance8, 0x01};
 // Port 1, link 0, then the message router (class 0x02, instance 1): the
 // connection path.
 inline constexpr std::array<uint8_t, 6> ROUTER_PATH{
@@ -59,8 +59,7 @@ struct CipConnection {
 // None when the path cannot be described in words (over 510 bytes) or the
 // request would not fit in one data item.
 std::optional<MrRequest> _BuildMRRequest(uint8_t service, const uint8_t *path, size_t path_len,
-                                         const uint8_t *data, size_t data_len,
-                                         size_t *total_size);
+                                         const uint8_t *data, size_t data_len, size_t *total_size);
 
 // Sends an unconnected request in SendRRData and returns a copy of the
 // message-router reply found in the answer's data item (its size also in
@@ -90,13 +89,12 @@ struct ForwardOpenIds {
 std::optional<ForwardOpenIds> parse_forward_open_reply(wire::Bytes mr_reply);
 
 // Large_Forward_Open; the new connection, or none when refused or unanswered.
-std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priority,
-                                             uint8_t ticks, uint32_t to_conn_id,
-                                             uint16_t conn_serial, uint16_t vendor_id,
-                                             uint32_t orig_serial, uint8_t timeout_multiplier,
-                                             uint32_t rpi, uint32_t conn_params,
-                                             uint8_t transport, const uint8_t *path,
-                                             uint8_t path_len);
+std::unique_ptr<CipConnection> _Forward_Open(EipSession &session, uint8_t priority, uint8_t ticks,
+                                             uint32_t to_conn_id, uint16_t conn_serial,
+                                             uint16_t vendor_id, uint32_t orig_serial,
+                                             uint8_t timeout_multiplier, uint32_t rpi,
+                                             uint32_t conn_params, uint8_t transport,
+                                             const uint8_t *path, uint8_t path_len);
 
 // Forward_Close of the connection with this triple; the reply's general
 // status (0 = closed) or -1 when no usable reply came.
@@ -109,10 +107,11 @@ int _ExForward_Close(EipSession &session, uint8_t priority, uint8_t ticks, uint1
 // module settings above, as do the Forward_Open's vendor id and originator
 // serial; the vendor id and originator serial arguments go into the
 // Forward_Close. Modes 1 and 2 only change the connection parameters.
-std::unique_ptr<CipConnection> _ConnectPLCOverCNET(
-    EipSession &session, int mode, uint8_t priority, uint8_t ticks, uint32_t to_conn_id,
-    uint16_t conn_serial, uint16_t vendor_id, uint32_t orig_serial, uint8_t timeout_multiplier,
-    uint32_t rpi, uint8_t transport, const uint8_t *route_prefix, uint8_t route_prefix_len);
+std::unique_ptr<CipConnection>
+_ConnectPLCOverCNET(EipSession &session, int mode, uint8_t priority, uint8_t ticks,
+                    uint32_t to_conn_id, uint16_t conn_serial, uint16_t vendor_id,
+                    uint32_t orig_serial, uint8_t timeout_multiplier, uint32_t rpi,
+                    uint8_t transport, const uint8_t *route_prefix, uint8_t route_prefix_len);
 
 // Closes the connection on the controller; the block is released in every case.
 // Returns the reply's general status, or -1 when no reply came.

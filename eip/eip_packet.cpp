@@ -45,22 +45,15 @@ size_t EncodeFixed(const CpfItem &item, uint16_t wire_length,
     wire::Writer w(out.data(), out.size());
     w.u16(item.type_id).u16(wire_length);
     switch (item.type_id) {
-    case kItemConnectedAddress:
-        w.u32(item.connection_id);
-        break;
-    case kItemConnectedData:
-        w.u16(item.sequence);
-        break;
-    case kItemSequencedAddress:
-        w.u32(item.connection_id).u32(item.sequence);
-        break;
+    case kItemConnectedAddress: w.u32(item.connection_id); break;
+    case kItemConnectedData: w.u16(item.sequence); break;
+    case kItemSequencedAddress: w.u32(item.connection_id).u32(item.sequence); break;
     case kItemSockaddrOT:
     case kItemSockaddrTO:
         // Nothing in the driver sends these; their fixed part goes out zeroed.
         w.zeros(kMaxItemFixed - 4);
         break;
-    default:
-        break;
+    default: break;
     }
     return w.ok() ? w.size() : 0;
 }
@@ -81,9 +74,7 @@ bool _AddHeader(EipRequest &request, const uint8_t *bytes, size_t count) {
     return header.ok();
 }
 
-bool _AddBYTE2Header(EipRequest &request, uint8_t value) {
-    return _AddHeader(request, &value, 1);
-}
+bool _AddBYTE2Header(EipRequest &request, uint8_t value) { return _AddHeader(request, &value, 1); }
 
 bool _AddINT2Header(EipRequest &request, uint16_t value) {
     std::array<uint8_t, 2> b{};
@@ -138,8 +129,8 @@ int _AddItem(EipRequest &request, CpfItem &item, const uint8_t *payload) {
     return static_cast<int>(wire_length);
 }
 
-int _AddCPF(EipRequest &request, CpfItem &address, const uint8_t *address_payload,
-            CpfItem &data, const uint8_t *data_payload) {
+int _AddCPF(EipRequest &request, CpfItem &address, const uint8_t *address_payload, CpfItem &data,
+            const uint8_t *data_payload) {
     if (!_AddINT2Header(request, 2)) return -1;
     if (_AddItem(request, address, address_payload) < 0) return -1;
     return _AddItem(request, data, data_payload);
@@ -174,8 +165,7 @@ std::optional<EipRequest> _BuildRequest(const EipSession &session, CpfItem &addr
         if (!out.ok() || out.size() != kTimeoutField + 2) return std::nullopt;
         // An item that cannot be appended would leave a request whose header
         // announces bytes it does not hold; such a request is never sent.
-        if (_AddCPF(request, address, address_payload, data, data_payload) < 0)
-            return std::nullopt;
+        if (_AddCPF(request, address, address_payload, data, data_payload) < 0) return std::nullopt;
         return request;
     } catch (const std::bad_alloc &) {
         return std::nullopt;
@@ -196,8 +186,8 @@ std::optional<EipMessage> CipSendData_WaitReply(int sock, const EipRequest &requ
 std::optional<EipMessage> _SendData_WaitReply(EipSession &session, uint16_t command,
                                               CpfItem &address, const uint8_t *address_payload,
                                               CpfItem &data, const uint8_t *data_payload) {
-    auto request = _BuildRequest(session, address, address_payload, data, data_payload,
-                                 session.timeout_us);
+    auto request =
+        _BuildRequest(session, address, address_payload, data, data_payload, session.timeout_us);
     if (!request) return std::nullopt;
     wire::Writer(request->data(), request->size()).u16(command);
     return CipSendData_WaitReply(session.sock, *request, session.timeout_us, session.timeout_us);

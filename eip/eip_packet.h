@@ -63,8 +63,8 @@ int _AddItem(EipRequest &request, CpfItem &item, const uint8_t *payload);
 
 // Appends the item count 2, the address item and the data item. Returns the
 // data item's wire length, or -1 when an item could not be appended.
-int _AddCPF(EipRequest &request, CpfItem &address, const uint8_t *address_payload,
-            CpfItem &data, const uint8_t *data_payload);
+int _AddCPF(EipRequest &request, CpfItem &address, const uint8_t *address_payload, CpfItem &data,
+            const uint8_t *data_payload);
 
 // Builds a whole request around the two items; the command is left 0.
 std::optional<EipRequest> _BuildRequest(const EipSession &session, CpfItem &address,

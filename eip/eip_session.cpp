@@ -48,7 +48,7 @@ int Set_NoBlock(int sock, const sockaddr_in &address) {
             return -1;
         }
         const int ready = wait_ready(sock, POLLIN | POLLOUT,
-                                    Clock::now() + std::chrono::microseconds(kConnectWaitUs));
+                                     Clock::now() + std::chrono::microseconds(kConnectWaitUs));
         if (ready < 0) {
             std::puts("select error\r");
             wk_close_handel(sock);
@@ -100,8 +100,8 @@ int _CipOpenSock(const char *host, uint16_t port) {
     // Resolved names are connected plainly, in the order the resolver gave.
     for (char *const *a = entry->h_addr_list; *a != nullptr; ++a) {
         std::memcpy(&address.sin_addr, *a, sizeof address.sin_addr);
-        const int r = wk_connect(sock, reinterpret_cast<const sockaddr *>(&address),
-                                 sizeof address);
+        const int r =
+            wk_connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address);
         if (r == 0) return sock;
         if (r != -1) break;
     }
@@ -168,7 +168,6 @@ long UnRegisterSession(EipSession &session) {
 void CloseSession(std::unique_ptr<EipSession> session) {
     if (session && session->sock >= 0) wk_close_handel(session->sock);
 }
-
 
 void LogCip(int level, const char *format, ...) {
     if (level == 0 || format == nullptr) return;

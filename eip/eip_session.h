@@ -8,8 +8,8 @@
 #include <memory>
 #include <netinet/in.h>
 
-#include "eip/encap.h"
 #include "eip/eip_transport.h"
+#include "eip/encap.h"
 
 namespace plc {
 

@@ -50,12 +50,10 @@ std::array<uint8_t, kCipEmptyBuffSize> _CIPEmptyBuff;
 // cannot be taken for a reply: replies are matched to their request.
 constexpr int kMaxDiscards = int(16 * kMaxEncapMessage / kCipEmptyBuffSize);
 
-
 // Receives exactly `size` bytes before `deadline`; false when the peer closed,
 // a receive failed or the deadline passed first. With `wait_first` false the
 // bytes are asked for before any readiness wait.
-bool RecvExact(int sock, uint8_t *dst, size_t size, Clock::time_point deadline,
-               bool wait_first) {
+bool RecvExact(int sock, uint8_t *dst, size_t size, Clock::time_point deadline, bool wait_first) {
     size_t got = 0;
     bool wait = wait_first;
     while (got < size) {
@@ -142,16 +140,14 @@ long CipSendData(int sock, const uint8_t *message, size_t size) {
 }
 
 void discard_stale_input(int sock) {
-    for (int i = 0; i < kMaxDiscards && _CIPEmptyBuffer(sock) > 0; ++i) {
-    }
+    for (int i = 0; i < kMaxDiscards && _CIPEmptyBuffer(sock) > 0; ++i) {}
 }
 
 std::optional<EipMessage> CipRecvData(int sock, int32_t timeout_us) {
     const auto deadline = deadline_after_us(timeout_us);
     try {
         EipMessage message(kEncapHeaderSize);
-        if (!RecvExact(sock, message.data(), kEncapHeaderSize, deadline, true))
-            return std::nullopt;
+        if (!RecvExact(sock, message.data(), kEncapHeaderSize, deadline, true)) return std::nullopt;
         const auto length = wire::Reader(message).u16_at(kEncapLengthAt);
         if (!length) return std::nullopt;
         if (*length == 0) return message;
@@ -220,8 +216,7 @@ std::optional<size_t> receive_message_into(int sock, wire::MutableBytes buffer, 
 long _CIPEmptyBuffer(int sock) {
     pollfd p{sock, POLLIN, 0};
     int r;
-    while ((r = poll(&p, 1, 0)) < 0 && errno == EINTR) {
-    }
+    while ((r = poll(&p, 1, 0)) < 0 && errno == EINTR) {}
     if (r < 0) return -1;
     if (r == 0) return 0;
     return wk_recv(sock, _CIPEmptyBuff.data(), _CIPEmptyBuff.size());

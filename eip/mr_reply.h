@@ -17,9 +17,9 @@ struct MrReplyView {
     uint8_t service = 0;
     uint8_t general_status = 0;
     uint8_t additional_words = 0;
-    wire::Bytes additional;    // additional_words x 2 bytes
-    wire::Bytes data;          // the response data, possibly empty
-    size_t data_offset = 0;    // where the response data starts in the reply
+    wire::Bytes additional; // additional_words x 2 bytes
+    wire::Bytes data;       // the response data, possibly empty
+    size_t data_offset = 0; // where the response data starts in the reply
 };
 
 // None when the reply is shorter than its fixed part and additional status.

@@ -18,8 +18,7 @@ constexpr TagLookupLines kBatchLines{2550, 2556, 2572, 2577};
 BatchPlan fresh_plan;
 
 // The tag list of the batch, with every record's tag id checked against it.
-const TagTable *batch_table(const DriverSettings *settings, PlcRequest *requests,
-                            int32_t count) {
+const TagTable *batch_table(const DriverSettings *settings, PlcRequest *requests, int32_t count) {
     // Without the host's settings no tag list can be named.
     if (settings == nullptr) return nullptr;
     char file_name[kCsvNameSize] = {};
@@ -55,7 +54,8 @@ Status batch_read(ControllerLink &link, const DriverSettings *settings, PlcReque
     // with a record that cannot be valid is refused like an unknown tag id:
     // before the connection is rebuilt or anything is sent.
     const RegLink *set = Query_node(node.get(), key);
-    const bool planned = set != nullptr && plan_fits(set->plan, table->serial, key.counts.data(), n);
+    const bool planned =
+        set != nullptr && plan_fits(set->plan, table->serial, key.counts.data(), n);
     if (planned) {
         apply_batch_plan(set->plan);
     } else if (Reg_Classify_Sort(*table, count) != Status::Ok) {

@@ -129,8 +129,7 @@ bool plan_fits(const BatchPlan &plan, uint32_t table_serial, const uint16_t *rec
            std::memcmp(plan.record_counts.data(), record_counts, n * sizeof *record_counts) == 0;
 }
 
-void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n,
-                     BatchPlan &plan) {
+void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n, BatchPlan &plan) {
     const size_t total = std::min(static_cast<size_t>(std::max(n, 0)), kBatchCapacity);
     plan.table_serial = table.serial;
     plan.records = static_cast<uint16_t>(total);

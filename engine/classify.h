@@ -59,8 +59,7 @@ void list_init_tags(const TagTable &table, int32_t n);
 
 // The plan of the batch folded in OMRON_TEMP[0..n) for the records it came
 // from (after Reg_Classify_Sort accepted it).
-void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n,
-                     BatchPlan &plan);
+void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n, BatchPlan &plan);
 
 // Puts the folds of a remembered plan into OMRON_TEMP and reg_interact_num,
 // as Reg_Classify_Sort would make them.

@@ -51,17 +51,15 @@ bool run_inside_variable(const TagEntry &entry, uint32_t element, uint32_t count
         // no element. A double-word array is declared with its bounds doubled,
         // so its last word, the high half of the last element, lies one past
         // the upper bound (a double-word scalar is [0..1] and ends on it).
-        const uint64_t last_word = is_double_word_type(entry.type_code) ? (entry.hi1 | 1u)
-                                                                        : entry.hi1;
+        const uint64_t last_word =
+            is_double_word_type(entry.type_code) ? (entry.hi1 | 1u) : entry.hi1;
         return element >= entry.lo1 && last <= last_word;
     }
     case DimKind::TwoDims:
     case DimKind::ThreeDims:
         return linear_index_fits(entry, element) && linear_index_fits(entry, last);
-    case DimKind::String:
-        return last < entry.str_len;
-    default:
-        return true;
+    case DimKind::String: return last < entry.str_len;
+    default: return true;
     }
 }
 
@@ -119,9 +117,7 @@ bool bool_element_name(const TagEntry &entry, uint32_t element, NameText &out) {
                                 entry.lo1 + q / w2, entry.lo2 + q % w2, entry.lo3 + e % w3);
         break;
     }
-    default:
-        written = std::snprintf(out.data(), out.size(), "%.*s[%d]", len, entry.name, e);
-        break;
+    default: written = std::snprintf(out.data(), out.size(), "%.*s[%d]", len, entry.name, e); break;
     }
     return written > 0 && static_cast<size_t>(written) < out.size();
 }

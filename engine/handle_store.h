@@ -18,7 +18,7 @@ using VarHandle = std::array<uint8_t, 10>;
 constexpr uint32_t kWholeVariable = 0xFFFFFFFFu;
 
 struct HandleKey {
-    uint32_t table = 0;   // serial of the tag list's table
+    uint32_t table = 0; // serial of the tag list's table
     uint32_t tag_id = 0;
     uint32_t element = 0; // the element resolved by itself, or kWholeVariable
     bool operator==(const HandleKey &o) const {
@@ -61,8 +61,7 @@ int create_data_link(std::unique_ptr<DataLink> &head);
 int free_data_link(DataLink *head);
 // Stores the handle under the key: 1 when a handle was replaced, 0 when added,
 // -1 when memory ran out (the store is unchanged).
-int queue_data_link(std::unique_ptr<DataLink> &head, const HandleKey &key,
-                    const VarHandle &handle);
+int queue_data_link(std::unique_ptr<DataLink> &head, const HandleKey &key, const VarHandle &handle);
 // 1 when a handle is stored under the key, else 0.
 int locate_link(const DataLink *head, const HandleKey &key);
 // Copies the handle stored under the key: 0, or -1 when there is none (and

@@ -57,9 +57,7 @@ Status OMRON_INIT_REQ(ControllerLink &link, const TagTable &table) {
             // names a variable its program does not have.
             report_unknown(&names[start], count, general);
             return Status::ConfigError;
-        case ReplyCheck::Unexpected:
-            link.mark_down();
-            return Status::CommFailure;
+        case ReplyCheck::Unexpected: link.mark_down(); return Status::CommFailure;
         }
         recv_flag_data1 = prefix;
     }

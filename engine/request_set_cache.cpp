@@ -9,13 +9,11 @@ std::unique_ptr<RegLink> node;
 
 namespace {
 
-
 bool same_pairs(const RegLink &set, const RequestSetKey &key) {
     return set.hash == key.hash && set.count == key.pairs &&
            std::equal(key.elements.begin(), key.elements.begin() + key.pairs,
                       set.elements.begin()) &&
-           std::equal(key.tag_ids.begin(), key.tag_ids.begin() + key.pairs,
-                      set.tag_ids.begin());
+           std::equal(key.tag_ids.begin(), key.tag_ids.begin() + key.pairs, set.tag_ids.begin());
 }
 
 } // namespace
@@ -23,7 +21,6 @@ bool same_pairs(const RegLink &set, const RequestSetKey &key) {
 RegLink::~RegLink() {
     while (next) next = std::move(next->next);
 }
-
 
 std::unique_ptr<RegLink> create_link() {
     return std::unique_ptr<RegLink>(new (std::nothrow) RegLink());
@@ -53,7 +50,6 @@ RegLink *Query_node(const RegLink *head, const RequestSetKey &key) {
     }
     return nullptr;
 }
-
 
 int free_reg_link(std::unique_ptr<RegLink> &head) {
     if (!head) return -1;

@@ -18,8 +18,8 @@ std::string_view name_view(const NameText &name) {
 
 } // namespace
 
-Status find_single_target(const DriverSettings *settings, PlcRequest &request,
-                          const PlcData &data, const TagLookupLines &lines, SingleTarget &target) {
+Status find_single_target(const DriverSettings *settings, PlcRequest &request, const PlcData &data,
+                          const TagLookupLines &lines, SingleTarget &target) {
     target.tag_id = compose_tag_id(request);
     target.element = element_index(request);
     TagTable *table = nullptr;
@@ -29,9 +29,10 @@ Status find_single_target(const DriverSettings *settings, PlcRequest &request,
     const TagEntry &entry = *target.entry;
     // One element of a BOOL array is resolved by itself, by its subscripts;
     // every other request resolves the whole variable.
-    const bool by_element = data.count == 1 && dim_kind(entry) != DimKind::Scalar && entry.bits == 1;
-    target.key = HandleKey{table->serial, target.tag_id,
-                           by_element ? target.element : kWholeVariable};
+    const bool by_element =
+        data.count == 1 && dim_kind(entry) != DimKind::Scalar && entry.bits == 1;
+    target.key =
+        HandleKey{table->serial, target.tag_id, by_element ? target.element : kWholeVariable};
     if (by_element) {
         if (!bool_element_name(entry, target.element, target.name)) return Status::ConfigError;
     } else {
@@ -65,9 +66,7 @@ Status REG_INIT(ControllerLink &link, const SingleTarget &target) {
                     "0x%02X)\r\n",
                     static_cast<int>(name.size()), name.data(), general);
         return Status::ConfigError;
-    case ReplyCheck::Unexpected:
-        link.mark_down();
-        return Status::CommFailure;
+    case ReplyCheck::Unexpected: link.mark_down(); return Status::CommFailure;
     }
     recv_flag_data1 = prefix;
     if (queue_data_link(INIT_RET_DATA, target.key, handle) < 0) return Status::CommFailure;
@@ -75,8 +74,7 @@ Status REG_INIT(ControllerLink &link, const SingleTarget &target) {
 }
 
 Status ensure_resolved(ControllerLink &link, const SingleTarget &target) {
-    if (locate_link(INIT_RET_DATA.get(), target.key) == 1 && label_reupdata != 1)
-        return Status::Ok;
+    if (locate_link(INIT_RET_DATA.get(), target.key) == 1 && label_reupdata != 1) return Status::Ok;
     return REG_INIT(link, target);
 }
 

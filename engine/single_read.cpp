@@ -15,8 +15,7 @@ constexpr int kLineTransRecv = 1065;
 
 // Places the values in the host's register layout: false when the width has
 // no layout (a TIME).
-bool store_host_values(const TagEntry &entry, uint32_t count, wire::Bytes values,
-                       uint8_t *host) {
+bool store_host_values(const TagEntry &entry, uint32_t count, wire::Bytes values, uint8_t *host) {
     switch (element_width(entry)) {
     case 32: std::memcpy(host, values.data, size_t{count} * 4); return true;
     case 16: std::memcpy(host, values.data, size_t{count} * 2); return true;

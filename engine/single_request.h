@@ -29,8 +29,8 @@ struct SingleTarget {
 // Finds the request's table and entry (printing the entry's messages) and
 // forms the name and key: Ok, or ConfigError when the request names nothing
 // the controller could be asked for.
-Status find_single_target(const DriverSettings *settings, PlcRequest &request,
-                          const PlcData &data, const TagLookupLines &lines, SingleTarget &target);
+Status find_single_target(const DriverSettings *settings, PlcRequest &request, const PlcData &data,
+                          const TagLookupLines &lines, SingleTarget &target);
 
 // Resolves the target by name and stores its handle: Ok; ConfigError when
 // the controller does not know the variable (the connection stays up);

@@ -47,8 +47,7 @@ Status encode_time(const uint8_t *buffer, WriteValue &out) {
     return Status::Ok;
 }
 
-void encode_bool(const TagEntry &entry, uint32_t element, const uint8_t *buffer,
-                 WriteValue &out) {
+void encode_bool(const TagEntry &entry, uint32_t element, const uint8_t *buffer, WriteValue &out) {
     const uint16_t pos = write_bit_position(entry, element);
     if (pos < 8) {
         out.bytes[0] = static_cast<uint8_t>(buffer[0] << pos);
@@ -66,7 +65,8 @@ void encode_bool(const TagEntry &entry, uint32_t element, const uint8_t *buffer,
 uint16_t write_bit_position(const TagEntry &entry, uint32_t element) {
     // Unsigned arithmetic: a bit number below the lower bound wraps by a
     // multiple of 16 and leaves the position modulo 16 intact.
-    const uint32_t base = dim_kind(entry) == DimKind::OneDim ? entry.bit_no - entry.lo1 : entry.bit_no;
+    const uint32_t base =
+        dim_kind(entry) == DimKind::OneDim ? entry.bit_no - entry.lo1 : entry.bit_no;
     return static_cast<uint16_t>((base + element) % 16u);
 }
 

@@ -24,7 +24,7 @@ struct WriteValue {
     uint8_t length_byte = 0;
     uint32_t bit_offset = 0;
     uint32_t bit_size = 0;
-    size_t size = 0; // value bytes in `bytes`
+    size_t size = 0;                                      // value bytes in `bytes`
     std::array<uint8_t, kMaxWriteValueBytes + 1> bytes{}; // an odd 255-byte run and its pad
 };
 

@@ -52,10 +52,10 @@ constexpr size_t kBufferSize = plc::kConnectedReceiveSize;
 struct Options {
     std::string host = "127.0.0.1";
     uint16_t port = kDefaultPort;
-    long serial = -1;         // -1: draw one
-    uint32_t bits = 32;       // element width of the variables read
-    int reads = 2;            // reads by handle per variable
-    unsigned pause_ms = 0;    // between two reads, to watch a value change
+    long serial = -1;      // -1: draw one
+    uint32_t bits = 32;    // element width of the variables read
+    int reads = 2;         // reads by handle per variable
+    unsigned pause_ms = 0; // between two reads, to watch a value change
     std::vector<std::string> variables;
 };
 
@@ -179,8 +179,8 @@ bool resolve(plc::EipSession &session, plc::CipConnection &connection, const std
 }
 
 // Reads one element of a resolved variable by handle (service 0x55, one item).
-bool read_by_handle(plc::EipSession &session, plc::CipConnection &connection,
-                    const Resolved &var, uint32_t bits, Buffers &buffers) {
+bool read_by_handle(plc::EipSession &session, plc::CipConnection &connection, const Resolved &var,
+                    uint32_t bits, Buffers &buffers) {
     plc::ReadItem item;
     item.handle = var.handle;
     item.bit_length = bits;
@@ -229,8 +229,10 @@ int main(int argc, char **argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     bool ok = true;
 
-    std::printf("session: connecting to %s:%u\n", opt.host.c_str(), static_cast<unsigned>(opt.port));
-    auto session = plc::_OpenSession(opt.host.c_str(), opt.port, kSessionBufferSize, kReplyTimeoutUs);
+    std::printf("session: connecting to %s:%u\n", opt.host.c_str(),
+                static_cast<unsigned>(opt.port));
+    auto session =
+        plc::_OpenSession(opt.host.c_str(), opt.port, kSessionBufferSize, kReplyTimeoutUs);
     if (!session) {
         std::printf("session: could not open\n");
         return 1;
@@ -243,18 +245,17 @@ int main(int argc, char **argv) {
     }
     std::printf("session: registered, handle 0x%08" PRIX32 "\n", session->handle);
 
-    const uint16_t serial =
-        opt.serial >= 0 ? static_cast<uint16_t>(opt.serial) : draw_serial();
-    auto connection = plc::_ConnectPLCOverCNET(
-        *session, 0, plc::_Priority, plc::_TimeOut_Ticks, kToConnectionId, serial,
-        plc::_OriginatorVendorID, plc::_OriginatorSerialNumber, plc::_TimeOutMultiplier, kRpi,
-        plc::_Transport, nullptr, 0);
+    const uint16_t serial = opt.serial >= 0 ? static_cast<uint16_t>(opt.serial) : draw_serial();
+    auto connection =
+        plc::_ConnectPLCOverCNET(*session, 0, plc::_Priority, plc::_TimeOut_Ticks, kToConnectionId,
+                                 serial, plc::_OriginatorVendorID, plc::_OriginatorSerialNumber,
+                                 plc::_TimeOutMultiplier, kRpi, plc::_Transport, nullptr, 0);
     if (!connection) {
         std::printf("connection: Large_Forward_Open failed (serial 0x%04X)\n", serial);
         ok = false;
     } else {
-        std::printf("connection: open, serial 0x%04X, O->T id 0x%08" PRIX32
-                    ", T->O id 0x%08" PRIX32 "\n",
+        std::printf("connection: open, serial 0x%04X, O->T id 0x%08" PRIX32 ", T->O id 0x%08" PRIX32
+                    "\n",
                     connection->conn_serial, connection->ot_conn_id, connection->to_conn_id);
 
         Buffers buffers;

@@ -73,7 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static BatchPlan plan;
     make_batch_plan(table(), records.data(), int32_t(n), plan);
     size_t needed = 0;
-    for (size_t k = 0; k < plan.items; ++k) needed += item_value_bytes(plan.item[k].geometry.bit_length);
+    for (size_t k = 0; k < plan.items; ++k)
+        needed += item_value_bytes(plan.item[k].geometry.bit_length);
     const size_t head = 1 + 2 * n;
     wire::Bytes values;
     const ReplyCheck check =

@@ -15,8 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     handles[sent].fill(0x5A);
     RequestPrefix prefix{};
     uint8_t general = 0;
-    const ReplyCheck check =
-        parse_resolve_reply(wire::Bytes{data + 1, size - 1}, sent, prefix, handles.data(), &general);
+    const ReplyCheck check = parse_resolve_reply(wire::Bytes{data + 1, size - 1}, sent, prefix,
+                                                 handles.data(), &general);
     VarHandle guard;
     guard.fill(0x5A);
     fuzz::require(handles[sent] == guard, "no handle written beyond the names sent");

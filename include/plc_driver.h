@@ -44,11 +44,11 @@
 #include <stdint.h>
 
 #include "plc_driver_api.h"
-#include "plc_driver_version.h"
 #include "plc_driver_records.h"
 #include "plc_driver_sockets.h"
 #include "plc_driver_tags.h"
 #include "plc_driver_utilities.h"
+#include "plc_driver_version.h"
 
 PLC_BEGIN_DECLS
 

@@ -8,8 +8,7 @@
 #if defined(__GNUC__)
 #define PLC_API __attribute__((visibility("default")))
 #define PLC_NORETURN __attribute__((noreturn))
-#define PLC_PRINTF(format_index, first_arg) \
-    __attribute__((format(printf, format_index, first_arg)))
+#define PLC_PRINTF(format_index, first_arg) __attribute__((format(printf, format_index, first_arg)))
 #else
 #define PLC_API
 #define PLC_NORETURN

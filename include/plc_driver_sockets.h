@@ -6,10 +6,10 @@
 #ifndef PLC_DRIVER_SOCKETS_H
 #define PLC_DRIVER_SOCKETS_H
 
-#include <stddef.h>
-#include <stdint.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 
@@ -58,8 +58,8 @@ PLC_BEGIN_DECLS
  */
 PLC_API ssize_t wk_recv(int sock, void *buffer, size_t length);
 PLC_API ssize_t wk_send(int sock, const void *buffer, size_t length);
-PLC_API ssize_t wk_recvfrom(int sock, void *buffer, size_t length, int flags,
-                            struct sockaddr *from, socklen_t *from_length);
+PLC_API ssize_t wk_recvfrom(int sock, void *buffer, size_t length, int flags, struct sockaddr *from,
+                            socklen_t *from_length);
 PLC_API ssize_t wk_sendto(int sock, const void *buffer, size_t length, int flags,
                           const struct sockaddr *to, socklen_t to_length);
 PLC_API int wk_socket(int domain, int type, int protocol);

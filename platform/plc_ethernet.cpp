@@ -38,8 +38,8 @@ bool resolve(const char *text, in_addr &resolved) {
 
 void print_line(const char *text) { std::printf("%s\n", text); }
 
-}  // namespace
-}  // namespace plc
+} // namespace
+} // namespace plc
 
 extern "C" {
 
@@ -54,8 +54,8 @@ ssize_t wk_recvfrom(int sock, void *buffer, size_t length, int flags, struct soc
     return ::recvfrom(sock, buffer, length, flags, from, from_length);
 }
 
-ssize_t wk_sendto(int sock, const void *buffer, size_t length, int flags,
-                  const struct sockaddr *to, socklen_t to_length) {
+ssize_t wk_sendto(int sock, const void *buffer, size_t length, int flags, const struct sockaddr *to,
+                  socklen_t to_length) {
     return ::sendto(sock, buffer, length, flags, to, to_length);
 }
 
@@ -185,4 +185,4 @@ int ReCommunicationSet(const CommSettings *settings, CommHandle *handle) {
     return CommunicationSet(settings, handle);
 }
 
-}  // extern "C"
+} // extern "C"

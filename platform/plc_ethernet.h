@@ -10,4 +10,4 @@ namespace plc {
 // octet: 0xC0A8010A becomes "192.168.1.10". Always terminated.
 std::array<char, 16> address_text(uint32_t address);
 
-}  // namespace plc
+} // namespace plc

@@ -207,8 +207,8 @@ void parse_bit_number(std::string_view field, TagEntry &entry, LineReason &why) 
     for (size_t i = 0; i < digits.size() && i < kMaxBitDigits; ++i) {
         const int v = hex_value(digits[i]);
         if (v < 0) {
-            why("has a bit number in address \"%.*s\" that is not hexadecimal",
-                shown_length(field), field.data());
+            why("has a bit number in address \"%.*s\" that is not hexadecimal", shown_length(field),
+                field.data());
             break;
         }
         values[count++] = v;

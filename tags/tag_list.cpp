@@ -19,8 +19,7 @@ uint32_t last_id(const IndexedGroup &group) { return group.tags.back().tag_id; }
 bool report_failure(const ParsedTagList &list, const char *path) {
     const TagListRefusal &refusal = list.refusal;
     switch (list.status) {
-    case TagListStatus::Accepted:
-        return false;
+    case TagListStatus::Accepted: return false;
     case TagListStatus::CannotOpen:
         std::printf("[PLC] open %s file failed, at line: %d\r\n", path, 381);
         break;

@@ -219,15 +219,12 @@ ParsedTagList parse_tag_list(const char *path) {
     out.refusal.file = path != nullptr ? path : "";
     TagListFile file;
     switch (file.open(path)) {
-    case TagListFile::Opened::CannotOpen:
-        out.status = TagListStatus::CannotOpen;
-        return out;
+    case TagListFile::Opened::CannotOpen: out.status = TagListStatus::CannotOpen; return out;
     case TagListFile::Opened::NotRegular:
         out.stamp = file.stamp();
         refuse_file(out, "it is not a regular file", true);
         return out;
-    case TagListFile::Opened::Yes:
-        break;
+    case TagListFile::Opened::Yes: break;
     }
     out.stamp = file.stamp();
 

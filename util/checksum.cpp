@@ -22,7 +22,7 @@ std::array<uint32_t, 2> flen{};
 int32_t len = 0;
 uint32_t i = 0;
 std::FILE *fp = nullptr;
-}  // namespace md5_state
+} // namespace md5_state
 
 namespace {
 
@@ -37,7 +37,8 @@ constexpr std::array<uint32_t, 64> kSine = {
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391,
 };
 
-constexpr std::array<uint8_t, 16> kShift = {7, 12, 17, 22, 5, 9, 14, 20, 4, 11, 16, 23, 6, 10, 15, 21};
+constexpr std::array<uint8_t, 16> kShift = {7, 12, 17, 22, 5, 9,  14, 20,
+                                            4, 11, 16, 23, 6, 10, 15, 21};
 
 constexpr uint32_t rotl(uint32_t v, unsigned n) { return (v << n) | (v >> (32u - n)); }
 
@@ -76,7 +77,7 @@ void strip_quotes(char *path) {
     if (path[0] != '\0') std::memmove(path, path + 1, std::strlen(path + 1) + 1);
 }
 
-}  // namespace
+} // namespace
 
 void md5() {
     using namespace md5_state;
@@ -85,10 +86,22 @@ void md5() {
         uint32_t f;
         unsigned g;
         switch (k / 16) {
-        case 0: f = (b & c) | (~b & d); g = k; break;
-        case 1: f = (d & b) | (~d & c); g = (5 * k + 1) % 16; break;
-        case 2: f = b ^ c ^ d; g = (3 * k + 5) % 16; break;
-        default: f = c ^ (b | ~d); g = (7 * k) % 16; break;
+        case 0:
+            f = (b & c) | (~b & d);
+            g = k;
+            break;
+        case 1:
+            f = (d & b) | (~d & c);
+            g = (5 * k + 1) % 16;
+            break;
+        case 2:
+            f = b ^ c ^ d;
+            g = (3 * k + 5) % 16;
+            break;
+        default:
+            f = c ^ (b | ~d);
+            g = (7 * k) % 16;
+            break;
         }
         const uint32_t rotated = rotl(a + f + kSine[k] + x[g], kShift[(k / 16) * 4 + k % 4]);
         a = d;
@@ -102,7 +115,7 @@ void md5() {
     D += d;
 }
 
-}  // namespace plc
+} // namespace plc
 
 extern "C" {
 
@@ -181,4 +194,4 @@ uint16_t crc16(const uint8_t *bytes, uint8_t count) {
     return static_cast<uint16_t>(lo | (hi << 8));
 }
 
-}  // extern "C"
+} // extern "C"

@@ -17,7 +17,7 @@ extern std::array<uint32_t, 2> flen; // message length in bits: low word, high w
 extern int32_t len;                  // file length in bytes
 extern uint32_t i;                   // block counter
 extern std::FILE *fp;                // file being digested, null between calls
-}  // namespace md5_state
+} // namespace md5_state
 
 // Folds the block in md5_state::x into md5_state::A..D (one MD5 compression).
 void md5();
@@ -27,7 +27,8 @@ namespace detail {
 constexpr uint16_t crc16_entry(unsigned index) {
     uint16_t crc = static_cast<uint16_t>(index);
     for (int bit = 0; bit < 8; ++bit)
-        crc = (crc & 1u) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001u) : static_cast<uint16_t>(crc >> 1);
+        crc = (crc & 1u) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001u)
+                         : static_cast<uint16_t>(crc >> 1);
     return crc;
 }
 
@@ -39,7 +40,7 @@ constexpr std::array<uint8_t, 256> crc16_half(bool upper) {
     }
     return table;
 }
-}  // namespace detail
+} // namespace detail
 
 // The two halves of the Modbus CRC-16 lookup table. auchCRCHi updates the
 // running byte that a Modbus frame transmits first (the CRC's low byte).
@@ -53,4 +54,4 @@ static_assert(auchCRCLo[1] == 0xC0 && auchCRCLo[2] == 0xC1 && auchCRCLo[3] == 0x
                   auchCRCLo[7] == 0xC2,
               "auchCRCLo must be the Modbus table");
 
-}  // namespace plc
+} // namespace plc

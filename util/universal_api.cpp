@@ -56,8 +56,8 @@ void dump_bytes(const uint8_t *bytes, int32_t count) {
     print_line_end();
 }
 
-}  // namespace
-}  // namespace plc
+} // namespace
+} // namespace plc
 
 extern "C" {
 
@@ -120,4 +120,4 @@ uint32_t bit2byte_len(uint32_t bits) { return bits / 8 + (bits % 8 != 0 ? 1u : 0
 
 uint32_t bit2word_len(uint32_t bits) { return bits / 16 + (bits % 16 != 0 ? 1u : 0u); }
 
-}  // extern "C"
+} // extern "C"

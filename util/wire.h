@@ -105,7 +105,10 @@ private:
 class VecWriter {
 public:
     explicit VecWriter(size_t reserve_bytes = 0) { v_.reserve(reserve_bytes); }
-    VecWriter &u8(uint8_t v) { v_.push_back(v); return *this; }
+    VecWriter &u8(uint8_t v) {
+        v_.push_back(v);
+        return *this;
+    }
     VecWriter &u16(uint16_t v) { return u8(uint8_t(v)).u8(uint8_t(v >> 8)); }
     VecWriter &u32(uint32_t v) { return u16(uint16_t(v)).u16(uint16_t(v >> 16)); }
     VecWriter &u64(uint64_t v) { return u32(uint32_t(v)).u32(uint32_t(v >> 32)); }
@@ -115,7 +118,10 @@ public:
         return *this;
     }
     VecWriter &text(std::string_view s) { return bytes(s.data(), s.size()); }
-    VecWriter &zeros(size_t n) { v_.insert(v_.end(), n, 0); return *this; }
+    VecWriter &zeros(size_t n) {
+        v_.insert(v_.end(), n, 0);
+        return *this;
+    }
     VecWriter &pad_even() { return (v_.size() & 1u) ? u8(0) : *this; }
     bool patch_u16(size_t at, uint16_t v) {
         if (at + 2 > v_.size()) return false;
@@ -146,7 +152,11 @@ public:
     const uint8_t *data() const { return d_; }
     const uint8_t *here() const { return d_ + pos_; }
 
-    uint8_t u8() { uint8_t v = 0; get(&v, 1); return v; }
+    uint8_t u8() {
+        uint8_t v = 0;
+        get(&v, 1);
+        return v;
+    }
     uint16_t u16() {
         uint8_t b[2] = {};
         get(b, 2);

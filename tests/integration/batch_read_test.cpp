@@ -12,10 +12,12 @@ namespace {
 
 using namespace tags;
 
-constexpr uint32_t kUnset = 0xA5A5A5A5;  // what the result fields hold before a poll
+constexpr uint32_t kUnset = 0xA5A5A5A5; // what the result fields hold before a poll
 
 // Two characters of a text as one result field, the first in the low byte.
-constexpr uint32_t Chars(char a, char b = 0) { return uint32_t(uint8_t(a)) | uint32_t(uint8_t(b)) << 8; }
+constexpr uint32_t Chars(char a, char b = 0) {
+    return uint32_t(uint8_t(a)) | uint32_t(uint8_t(b)) << 8;
+}
 
 // The host's two 32-bit words of an LREAL.
 uint32_t LowWord(double d) {
@@ -44,7 +46,8 @@ struct Batch {
     }
     std::vector<uint32_t> Results(size_t from = 0, size_t n = SIZE_MAX) const {
         std::vector<uint32_t> out;
-        for (size_t i = from; i < records.size() && out.size() < n; ++i) out.push_back(records[i].result);
+        for (size_t i = from; i < records.size() && out.size() < n; ++i)
+            out.push_back(records[i].result);
         return out;
     }
 };
@@ -58,8 +61,8 @@ struct Traffic {
     }
 };
 std::ostream &operator<<(std::ostream &os, const Traffic &t) {
-    return os << "{resolves " << t.resolves << ", names " << t.names << ", reads " << t.reads << ", items "
-              << t.items << "}";
+    return os << "{resolves " << t.resolves << ", names " << t.names << ", reads " << t.reads
+              << ", items " << t.items << "}";
 }
 
 class BatchRead : public DriverFixture {
@@ -67,9 +70,10 @@ protected:
     // The traffic since the previous call (or the start).
     Traffic Step() {
         auto s = sim.Stats();
-        const Traffic now{s["resolve_requests"], s["resolve_names"], s["read_requests"], s["read_items"]};
-        const Traffic d{now.resolves - mark_.resolves, now.names - mark_.names, now.reads - mark_.reads,
-                        now.items - mark_.items};
+        const Traffic now{s["resolve_requests"], s["resolve_names"], s["read_requests"],
+                          s["read_items"]};
+        const Traffic d{now.resolves - mark_.resolves, now.names - mark_.names,
+                        now.reads - mark_.reads, now.items - mark_.items};
         mark_ = now;
         return d;
     }
@@ -79,13 +83,41 @@ private:
 };
 
 TEST_F(BatchRead, DecodesAMixedPollIntoTheResultFields) {
-    StartSim({"Counter=-123456789", "Speeds[3]=300", "Speeds[4]=-2", "Speeds[5]=5", "Speeds[8]=-8",
-              "Ranks[1]=11", "Ranks[10]=100", "Bytes[0]=-1", "Bytes[1]=2", "Bytes[2]=127",
-              "Temperature=21.5", "Running=true", "Flags[5]=true", "Matrix[1,3]=true", "Alarm=true",
-              "Total=0x1122334455667788", "Levels[2]=2.5", "Label=Hello", "Grid[2,2]=77", "Cube[1,2,3]=-99",
-              "Big=0xFEDCBA9876543210", "Status=0xBEEF", "Code=4000000000", "Small[4]=200", "Ratio=65535",
-              "Pattern=0xDEADBEEF", "Raw=0xAB", "Offset=-7", "Station,1,Speed=-300", "Group0=77",
-              "Group1=65000", "Group2[3]=1234", "Far0=-0.5", "Gauge[1]=1.25", "Gauge[2]=-3",
+    StartSim({"Counter=-123456789",
+              "Speeds[3]=300",
+              "Speeds[4]=-2",
+              "Speeds[5]=5",
+              "Speeds[8]=-8",
+              "Ranks[1]=11",
+              "Ranks[10]=100",
+              "Bytes[0]=-1",
+              "Bytes[1]=2",
+              "Bytes[2]=127",
+              "Temperature=21.5",
+              "Running=true",
+              "Flags[5]=true",
+              "Matrix[1,3]=true",
+              "Alarm=true",
+              "Total=0x1122334455667788",
+              "Levels[2]=2.5",
+              "Label=Hello",
+              "Grid[2,2]=77",
+              "Cube[1,2,3]=-99",
+              "Big=0xFEDCBA9876543210",
+              "Status=0xBEEF",
+              "Code=4000000000",
+              "Small[4]=200",
+              "Ratio=65535",
+              "Pattern=0xDEADBEEF",
+              "Raw=0xAB",
+              "Offset=-7",
+              "Station,1,Speed=-300",
+              "Group0=77",
+              "Group1=65000",
+              "Group2[3]=1234",
+              "Far0=-0.5",
+              "Gauge[1]=1.25",
+              "Gauge[2]=-3",
               "Masks[1]=0x0102030405060708"});
     BringUp();
     struct Case {
@@ -142,13 +174,14 @@ TEST_F(BatchRead, DecodesAMixedPollIntoTheResultFields) {
     };
     Batch batch;
     for (const Case &c : cases) batch.Add(c.tag, c.element);
-    const size_t with_high_part = 36;  // the name with commas: byte 3 = 2 means no high part
+    const size_t with_high_part = 36; // the name with commas: byte 3 = 2 means no high part
     ASSERT_EQ(cases[with_high_part].tag, kStationSpeed);
     batch.records[with_high_part].tag_high = 2;
 
     ASSERT_EQ(batch.Poll(), 0) << sim.Output();
     for (size_t i = 0; i < cases.size(); ++i)
-        EXPECT_EQ(batch.records[i].result, cases[i].expect) << "record " << i << ": " << cases[i].what;
+        EXPECT_EQ(batch.records[i].result, cases[i].expect)
+            << "record " << i << ": " << cases[i].what;
     EXPECT_EQ(batch.records[with_high_part].tag_high, 0u);
     // 31 names (the scalar twice in a row is listed twice, each BOOL element
     // by its own name) in requests of 20 and 11; 33 read items in 15, 15, 3.
@@ -186,7 +219,8 @@ TEST_F(BatchRead, RefusesBadCallsWithoutTraffic) {
     {
         StdoutCapture out;
         EXPECT_EQ(plain.Add(kCounter).Add(kPlainCount).Add(kMaxIndexed + 1).Poll(), 3);
-        EXPECT_EQ(out.text(), "[PLC] tag id 27 is not exist in this tag list 27, at line: 2572\r\n");
+        EXPECT_EQ(out.text(),
+                  "[PLC] tag id 27 is not exist in this tag list 27, at line: 2572\r\n");
     }
     EXPECT_EQ(outside_array.Add(kFlags, 16).Poll(), 3);
     for (const PlcRequest &r : outside_array.records) EXPECT_EQ(r.result, kUnset);
@@ -203,11 +237,17 @@ TEST_F(BatchRead, TimeTextsAndZeroEndedByteRuns) {
               "Counter=-1", "Bytes[0]=1", "Bytes[1]=0", "Bytes[2]=3"});
     BringUp();
     Batch b;
-    b.Add(kDuration, 0, 9).Add(kSmall, 0, 4).Add(kCounter).Add(kDuration, 3, 2).Add(kBytes, 0, 3).Add(kCounter);
+    b.Add(kDuration, 0, 9)
+        .Add(kSmall, 0, 4)
+        .Add(kCounter)
+        .Add(kDuration, 3, 2)
+        .Add(kBytes, 0, 3)
+        .Add(kCounter);
     ASSERT_EQ(b.Poll(), 0) << sim.Output();
-    EXPECT_EQ(b.Results(0, 9), (std::vector<uint32_t>{Chars('1', 'd'), Chars('1', 'h'), Chars('1', 'm'),
-                                                      Chars('1', 's'), Chars('1', '.'), Chars('0', '0'),
-                                                      Chars('2', 'm'), Chars('s'), 0}))
+    EXPECT_EQ(
+        b.Results(0, 9),
+        (std::vector<uint32_t>{Chars('1', 'd'), Chars('1', 'h'), Chars('1', 'm'), Chars('1', 's'),
+                               Chars('1', '.'), Chars('0', '0'), Chars('2', 'm'), Chars('s'), 0}))
         << "1d1h1m1s1.002ms";
     EXPECT_EQ(b.Results(9, 4), (std::vector<uint32_t>{5, 0, 0, 0})) << "a zero ends the run";
     EXPECT_EQ(b.records[13].result, 0xFFFFFFFFu) << "the run took 4 bytes";

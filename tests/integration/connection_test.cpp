@@ -11,7 +11,9 @@ using namespace tags;
 
 constexpr const char *kSessionFile = "session_1.dat";
 
-bool Contains(const std::string &text, const std::string &what) { return text.find(what) != std::string::npos; }
+bool Contains(const std::string &text, const std::string &what) {
+    return text.find(what) != std::string::npos;
+}
 
 std::optional<uint32_t> StoredSerial(const WorkDir &dir) {
     const auto bytes = dir.Read(kSessionFile);
@@ -66,9 +68,10 @@ TEST_F(Connection, SecondProcessReusesTheSerialAndClosesTheOldConnection) {
     const auto serial = StoredSerial(dir);
     ASSERT_TRUE(serial);
 
-    const RunResult r = RunProgram({HostPath(), "--lib", DriverLibraryPath(), "--controller", "127.0.0.1",
-                                    "--device", "1", "--driver-log", "--json", "read", "Counter"},
-                                   dir.path());
+    const RunResult r =
+        RunProgram({HostPath(), "--lib", DriverLibraryPath(), "--controller", "127.0.0.1",
+                    "--device", "1", "--driver-log", "--json", "read", "Counter"},
+                   dir.path());
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_TRUE(Contains(r.out, "\"value\":5")) << r.out;
     EXPECT_TRUE(Contains(r.err, "read session_1.dat ok")) << r.err;
@@ -140,7 +143,8 @@ TEST_F(Connection, FailedRecoveriesWithoutAControllerKeepTheSerial) {
     dir.Write(kTagListName, ReadWholeFile(TestTagListPath()));
     dir.Write(kSessionFile, std::string("\x21\x43\x00\x00", 4));
     EXPECT_EQ(host.Start(), 3);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "read " << i + 1;
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2) << "read " << i + 1;
     EXPECT_EQ(StoredSerial(dir), 0x4321u);
 }
 
@@ -153,7 +157,8 @@ TEST_F(Connection, EveryFourthFailedRecoveryForcesANewSerial) {
         EXPECT_EQ(host.Start(), 3);
         EXPECT_TRUE(Contains(out.text(), "[PLC] connection error at line 652\r\n")) << out.text();
     }
-    ASSERT_TRUE(StoredSerial(dir)) << "the first bring-up got past the registration and drew a serial";
+    ASSERT_TRUE(StoredSerial(dir))
+        << "the first bring-up got past the registration and drew a serial";
     for (int round = 0; round < 2; ++round) {
         dir.Remove(kSessionFile);
         for (int i = 1; i <= 3; ++i) {
@@ -164,8 +169,10 @@ TEST_F(Connection, EveryFourthFailedRecoveryForcesANewSerial) {
         }
         const uint64_t opens = sim.Stat("forward_open");
         EXPECT_EQ(ReadSingle(kCounter, 0, 1, 4).status, 2);
-        EXPECT_EQ(sim.Stat("forward_open"), opens + 2) << "round " << round << ": no forced bring-up";
-        EXPECT_TRUE(dir.Exists(kSessionFile)) << "round " << round << ": the new serial was not saved";
+        EXPECT_EQ(sim.Stat("forward_open"), opens + 2)
+            << "round " << round << ": no forced bring-up";
+        EXPECT_TRUE(dir.Exists(kSessionFile))
+            << "round " << round << ": the new serial was not saved";
     }
 }
 

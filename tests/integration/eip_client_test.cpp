@@ -9,8 +9,8 @@
 #include "engine/read_codec.h"
 #include "engine/resolve_codec.h"
 #include "engine/write_codec.h"
-#include "util/wire.h"
 #include "tests/integration/fixture.h"
+#include "util/wire.h"
 
 namespace plc::itest {
 namespace {
@@ -29,8 +29,9 @@ protected:
         return s;
     }
     std::unique_ptr<CipConnection> Connect(EipSession &s, uint16_t serial) {
-        return _ConnectPLCOverCNET(s, 0, _Priority, _TimeOut_Ticks, kToConnId, serial, _OriginatorVendorID,
-                                   _OriginatorSerialNumber, _TimeOutMultiplier, 7236, _Transport, nullptr, 0);
+        return _ConnectPLCOverCNET(s, 0, _Priority, _TimeOut_Ticks, kToConnId, serial,
+                                   _OriginatorVendorID, _OriginatorSerialNumber, _TimeOutMultiplier,
+                                   7236, _Transport, nullptr, 0);
     }
 };
 
@@ -81,7 +82,7 @@ TEST_F(EipClient, ConnectsByClosingThenOpeningTheSameTriple) {
     ASSERT_TRUE(second);
     EXPECT_EQ(sim.Stat("forward_close"), 2u);
     EXPECT_EQ(sim.Stat("connections_open"), 1u) << "the earlier connection was not closed";
-    first.reset();  // already gone on the controller
+    first.reset(); // already gone on the controller
 
     EXPECT_EQ(Forward_Close(std::move(second)), 0);
     EXPECT_EQ(sim.Stat("connections_open"), 0u);
@@ -149,7 +150,8 @@ TEST_F(EipClient, ConnectedExchangesCountTheirSequence) {
     EXPECT_EQ(sim.Stat("resolve_requests"), 1u);
     EXPECT_EQ(sim.Stat("read_requests"), 3u);
     EXPECT_EQ(sim.Stat("write_requests"), 1u);
-    EXPECT_EQ(sim.Stat("sequence_anomalies"), 0u) << "counts must run 0, 1, 2, ... on a new connection";
+    EXPECT_EQ(sim.Stat("sequence_anomalies"), 0u)
+        << "counts must run 0, 1, 2, ... on a new connection";
 
     // The count wraps from 0xFFFF to 0, and advances even when nothing comes back.
     c->sequence = 0xFFFF;

@@ -20,7 +20,9 @@ using namespace tags;
 using Clock = std::chrono::steady_clock;
 
 enum class Entry { Read, Write, Poll };
-const char *name_of(Entry e) { return e == Entry::Read ? "Read" : e == Entry::Write ? "Write" : "Poll"; }
+const char *name_of(Entry e) {
+    return e == Entry::Read ? "Read" : e == Entry::Write ? "Write" : "Poll";
+}
 
 struct Case {
     Entry entry;
@@ -114,11 +116,16 @@ std::vector<Case> cases() {
     // A reply the driver cannot use is a communication failure (2); a reply
     // it can use whatever was done to it succeeds.
     const Row request_faults[] = {
-        {"no-reply", 2},      {"delay=11000", 2}, {"delay=300", 0},      {"close", 2},
-        {"reset", 2},         {"truncate", 2},    {"length=-4", 2},      {"length=65535", 2},
-        {"session", 0},       {"connection-id", 2}, {"sequence", 2},     {"service", 2},
-        {"status=0x05", 2},   {"status=0x1E:0x0001:0x0002", 2},          {"fewer-bytes", 2},
-        {"more-bytes=2", 0},  {"garbage", 2},     {"duplicate", 0},      {"restart", 2},
+        {"no-reply", 2},    {"delay=11000", 2},
+        {"delay=300", 0},   {"close", 2},
+        {"reset", 2},       {"truncate", 2},
+        {"length=-4", 2},   {"length=65535", 2},
+        {"session", 0},     {"connection-id", 2},
+        {"sequence", 2},    {"service", 2},
+        {"status=0x05", 2}, {"status=0x1E:0x0001:0x0002", 2},
+        {"fewer-bytes", 2}, {"more-bytes=2", 0},
+        {"garbage", 2},     {"duplicate", 0},
+        {"restart", 2},
     };
     // The rebuild after a restart: a read fails with 2, a write with 3.
     struct Rebuild {
@@ -126,10 +133,14 @@ std::vector<Case> cases() {
         bool fails;
     };
     const Rebuild rebuild_faults[] = {
-        {"register:no-reply", true},        {"register:close", true},
-        {"register:session", true},         {"forward-open:refuse", true},
-        {"forward-open:status=0x01:0x0100", true}, {"forward-close:no-reply", false},
-        {"resolve:no-reply", true},         {"resolve:service", true},
+        {"register:no-reply", true},
+        {"register:close", true},
+        {"register:session", true},
+        {"forward-open:refuse", true},
+        {"forward-open:status=0x01:0x0100", true},
+        {"forward-close:no-reply", false},
+        {"resolve:no-reply", true},
+        {"resolve:service", true},
     };
     std::vector<Case> out;
     for (const Entry e : {Entry::Read, Entry::Write, Entry::Poll}) {
@@ -157,7 +168,8 @@ std::vector<Case> cases() {
 
 std::string case_name(const ::testing::TestParamInfo<Case> &info) {
     std::string name = std::string(name_of(info.param.entry)) + "_";
-    for (const char ch : info.param.fault) name += std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
+    for (const char ch : info.param.fault)
+        name += std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
     return name;
 }
 

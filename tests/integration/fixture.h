@@ -73,13 +73,15 @@ inline ReadOutcome ReadSingle(uint32_t tag, uint32_t element, uint32_t count, si
     d.buffer = buf.data();
     ReadOutcome out;
     out.status = wk_plc_read(&r, &d);
-    for (size_t i = expect; i < buf.size(); ++i) out.stayed_inside = out.stayed_inside && buf[i] == kGuard;
+    for (size_t i = expect; i < buf.size(); ++i)
+        out.stayed_inside = out.stayed_inside && buf[i] == kGuard;
     out.bytes.assign(buf.begin(), buf.begin() + long(expect));
     return out;
 }
 
-inline int32_t WriteSingle(uint32_t tag, uint32_t element, uint32_t count, std::vector<uint8_t> buffer,
-                           PlcRequest *record_out = nullptr, uint16_t device = 1) {
+inline int32_t WriteSingle(uint32_t tag, uint32_t element, uint32_t count,
+                           std::vector<uint8_t> buffer, PlcRequest *record_out = nullptr,
+                           uint16_t device = 1) {
     PlcRequest r = Record(tag, element, 0, device);
     PlcData d{};
     d.count = count;

@@ -108,8 +108,12 @@ std::vector<std::string> tokens(const std::string &s) {
 std::string SimPath() { return PLC_SIM_PATH; }
 std::string HostPath() { return PLC_HOST_PATH; }
 std::string DriverLibraryPath() { return PLC_DRIVER_PATH; }
-std::string TestTagListPath() { return std::string(PLC_SOURCE_DIR) + "/tests/integration/" + kTagListName; }
-std::string ExampleTagListPath() { return std::string(PLC_SOURCE_DIR) + "/examples/" + kTagListName; }
+std::string TestTagListPath() {
+    return std::string(PLC_SOURCE_DIR) + "/tests/integration/" + kTagListName;
+}
+std::string ExampleTagListPath() {
+    return std::string(PLC_SOURCE_DIR) + "/examples/" + kTagListName;
+}
 
 // ---- WorkDir -----------------------------------------------------------------
 
@@ -132,10 +136,12 @@ WorkDir::WorkDir() {
 }
 
 WorkDir::~WorkDir() {
-    if (!previous_cwd_.empty() && chdir(previous_cwd_.c_str()) != 0) { /* nothing to do */ }
+    if (!previous_cwd_.empty() && chdir(previous_cwd_.c_str()) != 0) { /* nothing to do */
+    }
     if (std::getenv("PLC_ITEST_KEEP") == nullptr) {
         const std::string cmd = "rm -rf '" + path_ + "'";
-        if (std::system(cmd.c_str()) != 0) { /* left behind in $TMPDIR */ }
+        if (std::system(cmd.c_str()) != 0) { /* left behind in $TMPDIR */
+        }
     } else {
         std::fprintf(stderr, "kept %s\n", path_.c_str());
     }
@@ -146,7 +152,9 @@ void WorkDir::Write(const std::string &name, const std::string &content) const {
     out << content;
 }
 
-std::optional<std::string> WorkDir::Read(const std::string &name) const { return read_file(file(name)); }
+std::optional<std::string> WorkDir::Read(const std::string &name) const {
+    return read_file(file(name));
+}
 
 bool WorkDir::Exists(const std::string &name) const {
     struct stat st {};
@@ -167,9 +175,10 @@ bool Sim::Start(const SimConfig &config, std::string *error) {
 bool Sim::Restart(std::string *error) {
     Kill();
     ++starts_;
-    std::vector<std::string> argv = {SimPath(), "--tags", config_.tag_list, "--address", config_.address,
-                                     "--port", "44818", "--stats", "stats.txt", "--store", "store.txt",
-                                     "--control", "control.sock"};
+    std::vector<std::string> argv = {SimPath(),       "--tags",  config_.tag_list, "--address",
+                                     config_.address, "--port",  "44818",          "--stats",
+                                     "stats.txt",     "--store", "store.txt",      "--control",
+                                     "control.sock"};
     for (const std::string &s : config_.sets) {
         argv.push_back("--set");
         argv.push_back(s);
@@ -190,11 +199,13 @@ bool Sim::Restart(std::string *error) {
     // generous limit for a machine under load.
     const double deadline = now_s() + 20;
     while (now_s() < deadline) {
-        if (read_file(out).value_or("").find("plc-sim listening on") != std::string::npos) return true;
+        if (read_file(out).value_or("").find("plc-sim listening on") != std::string::npos)
+            return true;
         int status = 0;
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;
-            if (error) *error = "plc-sim exited before it was ready: " + read_file(err).value_or("");
+            if (error)
+                *error = "plc-sim exited before it was ready: " + read_file(err).value_or("");
             return false;
         }
         sleep_ms(5);
@@ -208,8 +219,7 @@ void Sim::Kill() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);
     int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {}
     pid_ = -1;
 }
 
@@ -246,7 +256,7 @@ std::optional<std::vector<std::string>> Sim::Values(const std::string &name) con
         if (line.compare(0, name.size() + 1, name + " ") != 0) continue;
         std::vector<std::string> t = tokens(line.substr(name.size() + 1));
         if (t.empty()) return std::nullopt;
-        t.erase(t.begin());  // the type
+        t.erase(t.begin()); // the type
         return t;
     }
     return std::nullopt;
@@ -254,7 +264,8 @@ std::optional<std::vector<std::string>> Sim::Values(const std::string &name) con
 
 std::string Sim::Output() const {
     std::string all;
-    for (int i = 1; i <= starts_; ++i) all += read_file(dir_.file("sim.out." + std::to_string(i))).value_or("");
+    for (int i = 1; i <= starts_; ++i)
+        all += read_file(dir_.file("sim.out." + std::to_string(i))).value_or("");
     return all + read_file(dir_.file("sim.err")).value_or("");
 }
 
@@ -313,7 +324,8 @@ PlcRequest Record(uint32_t tag_id, uint32_t element, uint16_t count, uint16_t de
     return r;
 }
 
-RunResult RunProgram(const std::vector<std::string> &argv, const std::string &cwd, int timeout_seconds) {
+RunResult RunProgram(const std::vector<std::string> &argv, const std::string &cwd,
+                     int timeout_seconds) {
     RunResult r;
     char out_name[] = "/tmp/plc-itest-out-XXXXXX";
     char err_name[] = "/tmp/plc-itest-err-XXXXXX";

@@ -26,7 +26,7 @@ constexpr const char *kTagListName = "PLC7F000001_1.csv";
 std::string SimPath();
 std::string HostPath();
 std::string DriverLibraryPath();
-std::string TestTagListPath();  // the tests' own tag list (tests/integration)
+std::string TestTagListPath(); // the tests' own tag list (tests/integration)
 std::string ExampleTagListPath();
 
 // A fresh directory under $TMPDIR; the process changes into it (the driver opens
@@ -50,9 +50,9 @@ private:
 };
 
 struct SimConfig {
-    std::string tag_list;             // file name inside the work dir
-    std::vector<std::string> sets;    // --set NAME=VALUE
-    std::vector<std::string> extra;   // further options
+    std::string tag_list;           // file name inside the work dir
+    std::vector<std::string> sets;  // --set NAME=VALUE
+    std::vector<std::string> extra; // further options
     std::string address = "127.0.0.1";
 };
 
@@ -67,8 +67,8 @@ public:
 
     // Starts it and waits for its ready line; false with the reason.
     bool Start(const SimConfig &config, std::string *error = nullptr);
-    bool Restart(std::string *error = nullptr);  // the same configuration again
-    void Kill();                                 // SIGKILL and reap
+    bool Restart(std::string *error = nullptr); // the same configuration again
+    void Kill();                                // SIGKILL and reap
     bool running() const { return pid_ > 0; }
 
     // The counters as last published; a missing key reads 0.
@@ -77,7 +77,7 @@ public:
     // The element values of a variable as the store file shows them (texts
     // unquoted and unescaped); none when the variable is not there.
     std::optional<std::vector<std::string>> Values(const std::string &name) const;
-    std::string Output() const;  // what the simulator printed
+    std::string Output() const; // what the simulator printed
 
     // Sets or clears faults through the control channel (see plc-sim --help).
     bool SetFault(const std::string &fault) const;
@@ -117,7 +117,7 @@ PlcRequest Record(uint32_t tag_id, uint32_t element, uint16_t count = 1, uint16_
 
 // The result of running a program.
 struct RunResult {
-    int status = -1;  // exit status, or 128 + signal
+    int status = -1; // exit status, or 128 + signal
     std::string out;
     std::string err;
 };

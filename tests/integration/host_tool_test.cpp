@@ -25,8 +25,8 @@ protected:
         StartSim(std::move(sets), std::move(extra), ReadWholeFile(TestTagListPath()) + kMoreTags);
     }
     static std::vector<std::string> Argv(const std::vector<std::string> &args) {
-        std::vector<std::string> argv = {HostPath(), "--controller", "127.0.0.1", "--lib",
-                                         DriverLibraryPath(), "--quiet"};
+        std::vector<std::string> argv = {HostPath(), "--controller",      "127.0.0.1",
+                                         "--lib",    DriverLibraryPath(), "--quiet"};
         argv.insert(argv.end(), args.begin(), args.end());
         return argv;
     }
@@ -70,37 +70,107 @@ TEST_F(HostTool, WritesAndReadsBackEveryType) {
         const char *printed;
     };
     const std::vector<Case> cases = {
-        {{"Temperature", "-21.25"}, {"Temperature"}, "Temperature", 0, "-21.25", "Temperature = -21.25\n"},
+        {{"Temperature", "-21.25"},
+         {"Temperature"},
+         "Temperature",
+         0,
+         "-21.25",
+         "Temperature = -21.25\n"},
         // Both words differ and the high one carries the sign.
-        {{"Total", "-81985529216486896"}, {"Total"}, "Total", 0, "-81985529216486896", "Total = -81985529216486896\n"},
-        {{"Big", "0xFEDCBA9876543210"}, {"Big"}, "Big", 0, "18364758544493064720", "Big = 18364758544493064720\n"},
-        {{"Masks[3]", "0x8000000000000001"}, {"Masks[3]"}, "Masks", 3, "9223372036854775809", "Masks[3] = 0x8000000000000001\n"},
+        {{"Total", "-81985529216486896"},
+         {"Total"},
+         "Total",
+         0,
+         "-81985529216486896",
+         "Total = -81985529216486896\n"},
+        {{"Big", "0xFEDCBA9876543210"},
+         {"Big"},
+         "Big",
+         0,
+         "18364758544493064720",
+         "Big = 18364758544493064720\n"},
+        {{"Masks[3]", "0x8000000000000001"},
+         {"Masks[3]"},
+         "Masks",
+         3,
+         "9223372036854775809",
+         "Masks[3] = 0x8000000000000001\n"},
         {{"Levels[5]", "-2.75"}, {"Levels[5]"}, "Levels", 4, "-2.75", "Levels[5] = -2.75\n"},
-        {{"Label", "Hello world"}, {"Label"}, "Label", 0, "Hello world", "Label = \"Hello world\"\n"},
+        {{"Label", "Hello world"},
+         {"Label"},
+         "Label",
+         0,
+         "Hello world",
+         "Label = \"Hello world\"\n"},
         // A shorter text leaves nothing of the longer one behind it.
         {{"Label", "Hi"}, {"Label"}, "Label", 0, "Hi", "Label = \"Hi\"\n"},
         {{"Code2", "AB12"}, {"Code2", "5"}, "Code2", 0, "AB12", "Code2 = \"AB12\"\n"},
         {{"Running", "TRUE"}, {"Running"}, "Running", 0, "true", "Running = true\n"},
-        {{"Flags[2..4]", "1", "0", "true"}, {"Flags[2..4]"}, "Flags", 4, "true", "Flags[2] = true\nFlags[3] = false\nFlags[4] = true\n"},
-        {{"Duration", "1h2m3.0045s"}, {"Duration"}, "Duration", 0, "3723004500000ns", "Duration = 1h2m3.0045s\n"},
+        {{"Flags[2..4]", "1", "0", "true"},
+         {"Flags[2..4]"},
+         "Flags",
+         4,
+         "true",
+         "Flags[2] = true\nFlags[3] = false\nFlags[4] = true\n"},
+        {{"Duration", "1h2m3.0045s"},
+         {"Duration"},
+         "Duration",
+         0,
+         "3723004500000ns",
+         "Duration = 1h2m3.0045s\n"},
         {{"Period", "250us"}, {"Period"}, "Period", 0, "250000ns", "Period = 250us\n"},
         // A plain number is milliseconds for every time type, as for plc-sim --set.
         {{"Shift", "1000"}, {"Shift"}, "Shift", 0, "1000000000ns", "Shift = 00:00:01\n"},
-        {{"Shift", "08:30:15.5"}, {"Shift"}, "Shift", 0, "30615500000000ns", "Shift = 08:30:15.5\n"},
-        {{"Made", "2024-02-29"}, {"Made"}, "Made", 0, "1709164800000000000ns", "Made = 2024-02-29\n"},
-        {{"Stamp", "1969-12-31-23:59:59"}, {"Stamp"}, "Stamp", 0, "-1000000000ns", "Stamp = 1969-12-31-23:59:59\n"},
-        {{"Speeds[3..4]", "300", "-2"}, {"Speeds[3..4]"}, "Speeds", 4, "-2", "Speeds[3] = 300\nSpeeds[4] = -2\n"},
+        {{"Shift", "08:30:15.5"},
+         {"Shift"},
+         "Shift",
+         0,
+         "30615500000000ns",
+         "Shift = 08:30:15.5\n"},
+        {{"Made", "2024-02-29"},
+         {"Made"},
+         "Made",
+         0,
+         "1709164800000000000ns",
+         "Made = 2024-02-29\n"},
+        {{"Stamp", "1969-12-31-23:59:59"},
+         {"Stamp"},
+         "Stamp",
+         0,
+         "-1000000000ns",
+         "Stamp = 1969-12-31-23:59:59\n"},
+        {{"Speeds[3..4]", "300", "-2"},
+         {"Speeds[3..4]"},
+         "Speeds",
+         4,
+         "-2",
+         "Speeds[3] = 300\nSpeeds[4] = -2\n"},
         {{"Ranks[10]", "-7"}, {"Ranks[10]"}, "Ranks", 9, "-7", "Ranks[10] = -7\n"},
         {{"Grid[2,2]", "77"}, {"Grid[2,2]"}, "Grid", 7, "77", "Grid[2,2] = 77\n"},
         {{"Cube[1,2,3]", "-99"}, {"Cube[23]"}, "Cube", 23, "-99", "Cube[1,2,3] = -99\n"},
-        {{"Bytes[1..2]", "-1", "0x7F"}, {"Bytes[1..2]"}, "Bytes", 1, "-1", "Bytes[1] = -1\nBytes[2] = 127\n"},
+        {{"Bytes[1..2]", "-1", "0x7F"},
+         {"Bytes[1..2]"},
+         "Bytes",
+         1,
+         "-1",
+         "Bytes[1] = -1\nBytes[2] = 127\n"},
         {{"Small[4]", "200"}, {"Small[4]"}, "Small", 4, "200", "Small[4] = 200\n"},
         {{"Code", "4000000000"}, {"Code"}, "Code", 0, "4000000000", "Code = 4000000000\n"},
         {{"Ratio", "65535"}, {"Ratio"}, "Ratio", 0, "65535", "Ratio = 65535\n"},
         {{"Raw", "165"}, {"Raw"}, "Raw", 0, "165", "Raw = 0xA5\n"},
         {{"Status", "0x1F"}, {"Status"}, "Status", 0, "31", "Status = 0x001F\n"},
-        {{"Pattern", "0x12345678"}, {"Pattern"}, "Pattern", 0, "305419896", "Pattern = 0x12345678\n"},
-        {{"Station,1,Speed", "-300"}, {"Station,1,Speed"}, "Station,1,Speed", 0, "-300", "Station,1,Speed = -300\n"},
+        {{"Pattern", "0x12345678"},
+         {"Pattern"},
+         "Pattern",
+         0,
+         "305419896",
+         "Pattern = 0x12345678\n"},
+        {{"Station,1,Speed", "-300"},
+         {"Station,1,Speed"},
+         "Station,1,Speed",
+         0,
+         "-300",
+         "Station,1,Speed = -300\n"},
         {{"Group2[3]", "-5"}, {"Group2[3]"}, "Group2", 3, "-5", "Group2[3] = -5\n"},
         {{"Far0", "0.5"}, {"Far0"}, "Far0", 0, "0.5", "Far0 = 0.5\n"},
     };
@@ -126,8 +196,9 @@ TEST_F(HostTool, JsonOutputCarriesNamesTypesAndValues) {
     StartAll({"Speeds[3]=300", "Speeds[4]=-2", "Label=say \"hi\" \\", "Total=0x1122334455667788",
               "Grid[2,4]=55", "Made=2024-03-15"});
     RunResult r = Tool({"--json", "read", "Speeds[3..4]"});
-    EXPECT_EQ(r.out, "{\"status\":0,\"values\":[{\"name\":\"Speeds[3]\",\"type\":\"INT\",\"value\":300},"
-                     "{\"name\":\"Speeds[4]\",\"type\":\"INT\",\"value\":-2}]}\n");
+    EXPECT_EQ(r.out,
+              "{\"status\":0,\"values\":[{\"name\":\"Speeds[3]\",\"type\":\"INT\",\"value\":300},"
+              "{\"name\":\"Speeds[4]\",\"type\":\"INT\",\"value\":-2}]}\n");
     r = Tool({"--json", "--verify", "write", "Counter", "7"});
     EXPECT_EQ(r.out, "{\"status\":0,\"written\":[{\"name\":\"Counter\",\"status\":0}],\"verified\":"
                      "[{\"name\":\"Counter\",\"written\":7,\"read\":7,\"same\":true}]}\n");
@@ -135,24 +206,27 @@ TEST_F(HostTool, JsonOutputCarriesNamesTypesAndValues) {
     EXPECT_EQ(r.out, "Duration: wrote 2s, reads back 2s\n");
 
     // 104 records in two batch calls, and the date through the single read.
-    r = Tool({"--json", "poll", "Total", "Duration", "Temperature", "Cube", "Label", "Levels", "Masks",
-              "Speeds", "Ranks", "Grid", "Made", "--times", "2", "--interval", "1"});
+    r = Tool({"--json", "poll", "Total", "Duration", "Temperature", "Cube", "Label", "Levels",
+              "Masks", "Speeds", "Ranks", "Grid", "Made", "--times", "2", "--interval", "1"});
     EXPECT_EQ(r.status, 0) << r.err;
     const auto lines = Lines(r.out);
     ASSERT_EQ(lines.size(), 2u) << r.out;
     for (size_t i = 0; i < lines.size(); ++i) {
         EXPECT_EQ(lines[i].rfind("{\"poll\":" + std::to_string(i + 1) + ",\"status\":0,", 0), 0u);
-        for (const char *part : {"\"calls\":3,", "{\"name\":\"Total\",\"type\":\"LINT\",\"value\":1234605616436508552}",
-                                 "{\"name\":\"Duration\",\"type\":\"TIME\",\"value\":\"2s\"}",
-                                 "{\"name\":\"Label\",\"type\":\"STRING\",\"value\":\"say \\\"hi\\\" \\\\\"}",
-                                 "{\"name\":\"Grid[2,4]\",\"type\":\"INT\",\"value\":55}",
-                                 "{\"name\":\"Made\",\"type\":\"DATE\",\"value\":\"2024-03-15\"}]}"})
+        for (const char *part :
+             {"\"calls\":3,",
+              "{\"name\":\"Total\",\"type\":\"LINT\",\"value\":1234605616436508552}",
+              "{\"name\":\"Duration\",\"type\":\"TIME\",\"value\":\"2s\"}",
+              "{\"name\":\"Label\",\"type\":\"STRING\",\"value\":\"say \\\"hi\\\" \\\\\"}",
+              "{\"name\":\"Grid[2,4]\",\"type\":\"INT\",\"value\":55}",
+              "{\"name\":\"Made\",\"type\":\"DATE\",\"value\":\"2024-03-15\"}]}"})
             EXPECT_TRUE(Has(lines[i], part)) << part << " in " << lines[i];
     }
     // A refusal is an object too, with the exit status.
     r = Tool({"--json", "read", "Nope"});
     EXPECT_EQ(r.status, 65);
-    EXPECT_EQ(r.out, "{\"status\":65,\"error\":\"unknown variable 'Nope' (not in PLC7F000001_1.csv)\"}\n");
+    EXPECT_EQ(r.out,
+              "{\"status\":65,\"error\":\"unknown variable 'Nope' (not in PLC7F000001_1.csv)\"}\n");
 }
 
 TEST_F(HostTool, RefusesUnknownNamesAndIndexesWithoutTraffic) {
@@ -171,8 +245,10 @@ TEST_F(HostTool, RefusesUnknownNamesAndIndexesWithoutTraffic) {
         {{"write", "Grid[3,0]", "1"}, "index outside the bounds Grid[1..2,0..4]"},
         {{"read", "Grid[1,2,0]"}, "Grid has 2 dimension(s)"},
         {{"read", "Cube[24]"}, "linear position 24 outside 0..23"},
-        {{"read", "Speeds[8]", "3"}, "3 element(s) from Speeds[8] run past the end of Speeds[0..9]"},
-        {{"write", "Speeds[9]", "1", "2"}, "2 value(s) from Speeds[9] run past the end of Speeds[0..9]"},
+        {{"read", "Speeds[8]", "3"},
+         "3 element(s) from Speeds[8] run past the end of Speeds[0..9]"},
+        {{"write", "Speeds[9]", "1", "2"},
+         "2 value(s) from Speeds[9] run past the end of Speeds[0..9]"},
         {{"read", "Label[2]"}, "'Label' is not an array"},
         {{"poll", "--file", "names.txt", "--times", "1"}, "unknown variable 'Nope'"},
         {{"write", "Shift", "25:00"}, "expected a time of day like 13:45:30.5", 64},
@@ -180,7 +256,9 @@ TEST_F(HostTool, RefusesUnknownNamesAndIndexesWithoutTraffic) {
         {{"write", "Status", "0x10000"}, "out of range", 64},
         {{"write", "Duration", "-1s"}, "a TIME written by the driver cannot be negative", 64},
         // The driver would resolve it as "Matrix[9]", which the controller refuses.
-        {{"write", "Matrix[2,1]", "false"}, "cannot write elements of a multi-dimensional BOOL array", 3},
+        {{"write", "Matrix[2,1]", "false"},
+         "cannot write elements of a multi-dimensional BOOL array",
+         3},
     };
     for (const Case &c : cases) {
         const RunResult r = Tool(c.args);
@@ -202,16 +280,30 @@ TEST_F(HostTool, FailuresAreExplained) {
         int status;
     };
     const std::vector<Case> cases = {
-        {{}, false, {"read", "Counter"}, "connection refused: nothing listens on port 44818 at 127.0.0.1", 2},
-        {{"--refuse-forward-open"}, true, {"write", "Counter", "1"}, "the controller refused the connection (Forward_Open)", 2},
-        {{"--fault", "write:status=05"}, true, {"write", "Counter", "1"}, "the controller refused the write, or its reply was not the expected one: the value was not written", 2},
+        {{},
+         false,
+         {"read", "Counter"},
+         "connection refused: nothing listens on port 44818 at 127.0.0.1",
+         2},
+        {{"--refuse-forward-open"},
+         true,
+         {"write", "Counter", "1"},
+         "the controller refused the connection (Forward_Open)",
+         2},
+        {{"--fault", "write:status=05"},
+         true,
+         {"write", "Counter", "1"},
+         "the controller refused the write, or its reply was not the expected one: the value was "
+         "not written",
+         2},
         {{}, true, {"read", "Ghost"}, "variable Ghost is not known to the controller", 3},
         {{}, true, {"--device", "2", "read", "Counter"}, "cannot open PLC7F000001_2.csv", 3},
     };
     for (const Case &c : cases) {
         if (c.start_sim) StartAll({}, c.sim_extra);
         // A variable of the panel's list that the controller's program lacks.
-        dir.Write(kTagListName, ReadWholeFile(TestTagListPath()) + kMoreTags + "Ghost,DINT,,,,,,32\n");
+        dir.Write(kTagListName,
+                  ReadWholeFile(TestTagListPath()) + kMoreTags + "Ghost,DINT,,,,,,32\n");
         const RunResult r = Tool(c.args);
         EXPECT_EQ(r.status, c.status) << Join(c.args);
         EXPECT_EQ(r.out, "") << Join(c.args);
@@ -255,10 +347,13 @@ TEST_F(HostTool, CheckTellsWhatTheDriverCannotTake) {
     };
     const std::vector<Case> cases = {
         {"A,DINT,,,,,,0\nB,DINT,,,,,,1\n", 0, "ok: the driver takes every line"},
-        {"A,DINT,,,,,,0\nB,DINT,,,,,,2\n", 3, "refused: the driver refuses l.csv line 2 has plain tag id 2 where 1 was expected"},
-        {"A,DINT,,,,,,0\nB,DINT,,,,,,1", 3, "skipped: line 2 (B) has no newline at its end: the driver skips it"},
+        {"A,DINT,,,,,,0\nB,DINT,,,,,,2\n", 3,
+         "refused: the driver refuses l.csv line 2 has plain tag id 2 where 1 was expected"},
+        {"A,DINT,,,,,,0\nB,DINT,,,,,,1", 3,
+         "skipped: line 2 (B) has no newline at its end: the driver skips it"},
         {"G,DINT,,,,,,262144\nH,DINT,,,,,,262146\n", 3,
-         "unreachable: tag ids 262144 to 262144 (1 variable(s) from G) cannot be reached: the group starting at 262146"},
+         "unreachable: tag ids 262144 to 262144 (1 variable(s) from G) cannot be reached: the "
+         "group starting at 262146"},
     };
     for (const Case &c : cases) {
         dir.Write("l.csv", c.list);
@@ -272,23 +367,29 @@ TEST_F(HostTool, CheckTellsWhatTheDriverCannotTake) {
 // run from another directory with --dir. The 8-bit run holds a zero element
 // and elements behind it, which the batch read must not lose.
 TEST_F(HostTool, PollPrintsOneLinePerPollOfRunsAndListedNames) {
-    StartAll({"Counter=42", "Speeds[1]=11", "Bytes[0]=5", "Bytes[1]=0", "Bytes[2]=7", "Small[4]=200",
-              "Flags[3]=true", "Levels[1]=0.25", "Duration=61000", "Name=ABC", "Matrix[2,1]=true",
-              "Shift=23:59", "Stamp=2024-03-15-13:45:30.25", "Period=1.5s", "Raw=0x0F"});
-    dir.Write("names.txt", "# watched\r\n  Bytes[0..2]\r\n\r\nSmall[3..5]\n\tLevels[1]\nDuration\nName\n"
-                           "Matrix[2,0..2,1]\nShift\nStamp\nPeriod\nRaw\n");
-    const RunResult r = RunProgram(Argv({"--dir", dir.path(), "poll", "Counter", "Speeds[1]", "Flags[2..3]",
-                                         "--file", dir.file("names.txt"), "--times", "2", "--interval", "1"}),
-                                   "/");
+    StartAll({"Counter=42", "Speeds[1]=11", "Bytes[0]=5", "Bytes[1]=0", "Bytes[2]=7",
+              "Small[4]=200", "Flags[3]=true", "Levels[1]=0.25", "Duration=61000", "Name=ABC",
+              "Matrix[2,1]=true", "Shift=23:59", "Stamp=2024-03-15-13:45:30.25", "Period=1.5s",
+              "Raw=0x0F"});
+    dir.Write("names.txt",
+              "# watched\r\n  Bytes[0..2]\r\n\r\nSmall[3..5]\n\tLevels[1]\nDuration\nName\n"
+              "Matrix[2,0..2,1]\nShift\nStamp\nPeriod\nRaw\n");
+    const RunResult r =
+        RunProgram(Argv({"--dir", dir.path(), "poll", "Counter", "Speeds[1]", "Flags[2..3]",
+                         "--file", dir.file("names.txt"), "--times", "2", "--interval", "1"}),
+                   "/");
     EXPECT_EQ(r.status, 0) << r.err;
     const auto lines = Lines(r.out);
     ASSERT_EQ(lines.size(), 2u) << r.out;
     const std::string values =
-        " ms: Counter=42 Speeds[1]=11 Flags[2]=false Flags[3]=true Bytes[0]=5 Bytes[1]=0 Bytes[2]=7 "
+        " ms: Counter=42 Speeds[1]=11 Flags[2]=false Flags[3]=true Bytes[0]=5 Bytes[1]=0 "
+        "Bytes[2]=7 "
         "Small[3]=0 Small[4]=200 Small[5]=0 Levels[1]=0.25 Duration=1m1s Name=\"ABC\" "
-        "Matrix[2,0]=false Matrix[2,1]=true Shift=23:59:00 Stamp=2024-03-15-13:45:30.25 Period=1.5s Raw=0x0F";
+        "Matrix[2,0]=false Matrix[2,1]=true Shift=23:59:00 Stamp=2024-03-15-13:45:30.25 "
+        "Period=1.5s Raw=0x0F";
     for (size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_EQ(lines[i].rfind("poll " + std::to_string(i + 1) + " status 0 ", 0), 0u) << lines[i];
+        EXPECT_EQ(lines[i].rfind("poll " + std::to_string(i + 1) + " status 0 ", 0), 0u)
+            << lines[i];
         ASSERT_GE(lines[i].size(), values.size()) << lines[i];
         EXPECT_EQ(lines[i].substr(lines[i].size() - values.size()), values);
     }

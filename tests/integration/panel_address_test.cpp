@@ -8,7 +8,9 @@ namespace {
 
 using namespace tags;
 
-bool Contains(const std::string &text, const std::string &what) { return text.find(what) != std::string::npos; }
+bool Contains(const std::string &text, const std::string &what) {
+    return text.find(what) != std::string::npos;
+}
 
 class PanelAddressEth0 : public DriverFixture {};
 class PanelAddressBr0 : public DriverFixture {};

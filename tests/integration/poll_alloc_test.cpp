@@ -61,7 +61,7 @@ TEST_F(DriverFixture, PollingAPreparedSetAllocatesNothing) {
     const auto poll = [&records] {
         return wk_OMRON_plc_read(records.data(), int32_t(records.size()));
     };
-    ASSERT_EQ(poll(), 0);  // the set is prepared: its handles and its node are allocated
+    ASSERT_EQ(poll(), 0); // the set is prepared: its handles and its node are allocated
     ASSERT_EQ(poll(), 0);
     const uint64_t reads = sim.Stat("read_requests");
 
@@ -72,7 +72,7 @@ TEST_F(DriverFixture, PollingAPreparedSetAllocatesNothing) {
 
     EXPECT_EQ(status, 0);
     EXPECT_EQ(g_allocations, 0u);
-    EXPECT_GE(sim.Stat("read_requests") - reads, 40u);  // the polls did go on the wire
+    EXPECT_GE(sim.Stat("read_requests") - reads, 40u); // the polls did go on the wire
     EXPECT_EQ(records[0].result, 7u);
     EXPECT_EQ(records[1 + 10 + 3 + 8].result, uint32_t('H'));
     EXPECT_EQ(NewErrors(), 0u);

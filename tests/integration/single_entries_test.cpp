@@ -11,13 +11,36 @@ using namespace tags;
 class SingleEntries : public DriverFixture {};
 
 TEST_F(SingleEntries, ReadsEveryLayoutAsTheControllerServesIt) {
-    StartSim({"Counter=-123456789", "Speeds[3]=300", "Speeds[4]=-2", "Ranks[1]=11",
-              "Ranks[10]=100", "Bytes[0]=-1", "Bytes[1]=2", "Bytes[2]=127", "Label=Hello",
-              "Total=0x1122334455667788", "Levels[2]=2.5", "Temperature=21.5", "Flags[5]=true",
-              "Running=true", "Grid[2,2]=77", "Cube[1,2,3]=-99", "Big=0xFEDCBA9876543210",
-              "Masks[1]=0x0102030405060708", "Status=0xBEEF", "Code=4000000000", "Small[4]=200",
-              "Ratio=65535", "Pattern=0xDEADBEEF", "Raw=0xAB", "Offset=-7",
-              "Station,1,Speed=-300", "Group0=77", "Group1=65000", "Group2[3]=1234", "Far0=-0.5",
+    StartSim({"Counter=-123456789",
+              "Speeds[3]=300",
+              "Speeds[4]=-2",
+              "Ranks[1]=11",
+              "Ranks[10]=100",
+              "Bytes[0]=-1",
+              "Bytes[1]=2",
+              "Bytes[2]=127",
+              "Label=Hello",
+              "Total=0x1122334455667788",
+              "Levels[2]=2.5",
+              "Temperature=21.5",
+              "Flags[5]=true",
+              "Running=true",
+              "Grid[2,2]=77",
+              "Cube[1,2,3]=-99",
+              "Big=0xFEDCBA9876543210",
+              "Masks[1]=0x0102030405060708",
+              "Status=0xBEEF",
+              "Code=4000000000",
+              "Small[4]=200",
+              "Ratio=65535",
+              "Pattern=0xDEADBEEF",
+              "Raw=0xAB",
+              "Offset=-7",
+              "Station,1,Speed=-300",
+              "Group0=77",
+              "Group1=65000",
+              "Group2[3]=1234",
+              "Far0=-0.5",
               "Matrix[1,3]=true"});
     BringUp();
 
@@ -94,26 +117,31 @@ TEST_F(SingleEntries, WritesEveryLayoutIntoTheController) {
         uint32_t tag, element, count;
         std::vector<uint8_t> buffer;
         const char *name;
-        size_t index;  // element position in the store line
+        size_t index; // element position in the store line
         const char *expect;
     };
-    std::vector<uint8_t> sint_regs = Registers({0xFB, 6, 7}, 0x55);  // high bytes are not sent
+    std::vector<uint8_t> sint_regs = Registers({0xFB, 6, 7}, 0x55); // high bytes are not sent
     const std::vector<Case> cases = {
         {"DINT scalar", kCounter, 0, 1, {0x78, 0x56, 0x34, 0x12}, "Counter", 0, "305419896"},
-        {"INT [0..9] from 3, first", kSpeeds, 3, 2, Cat(Le16(300), Le16(uint16_t(-2))), "Speeds", 3, "300"},
-        {"INT [0..9] from 3, second", kSpeeds, 3, 2, Cat(Le16(300), Le16(uint16_t(-2))), "Speeds", 4, "-2"},
+        {"INT [0..9] from 3, first", kSpeeds, 3, 2, Cat(Le16(300), Le16(uint16_t(-2))), "Speeds", 3,
+         "300"},
+        {"INT [0..9] from 3, second", kSpeeds, 3, 2, Cat(Le16(300), Le16(uint16_t(-2))), "Speeds",
+         4, "-2"},
         {"INT [1..10] first subscript", kRanks, 1, 1, Le16(5), "Ranks", 0, "5"},
         {"INT [1..10] last subscript", kRanks, 10, 1, Le16(6), "Ranks", 9, "6"},
         {"REAL [0..3] element 1", kGauge, 1, 1, LeFloat(1.25f), "Gauge", 1, "1.25"},
         {"SINT run, element 0", kBytes, 0, 3, sint_regs, "Bytes", 0, "-5"},
         {"SINT run, element 2", kBytes, 0, 3, sint_regs, "Bytes", 2, "7"},
         {"STRING of odd length", kLabel, 0, 5, TextRegisters("World", 5), "Label", 0, "World"},
-        {"STRING of its full length", kName, 0, 8, TextRegisters("ABCDEFGH", 8), "Name", 0, "ABCDEFGH"},
-        {"LINT scalar", kTotal, 0, 2, Le64(0x1122334455667788ull), "Total", 0, "1234605616436508552"},
+        {"STRING of its full length", kName, 0, 8, TextRegisters("ABCDEFGH", 8), "Name", 0,
+         "ABCDEFGH"},
+        {"LINT scalar", kTotal, 0, 2, Le64(0x1122334455667788ull), "Total", 0,
+         "1234605616436508552"},
         {"LREAL element 3 (words 6, 7)", kLevels, 6, 2, LeDouble(-2.75), "Levels", 2, "-2.75"},
         {"LREAL last element (words 10, 11)", kLevels, 10, 2, LeDouble(0.5), "Levels", 4, "0.5"},
         {"ULINT", kBig, 0, 2, Le64(0xFEDCBA9876543210ull), "Big", 0, "18364758544493064720"},
-        {"LWORD element 1 (words 2, 3)", kMasks, 2, 2, Le64(0x0102030405060708ull), "Masks", 1, "72623859790382856"},
+        {"LWORD element 1 (words 2, 3)", kMasks, 2, 2, Le64(0x0102030405060708ull), "Masks", 1,
+         "72623859790382856"},
         {"INT [1..2,0..4] linear 7", kGrid, 7, 1, Le16(55), "Grid", 7, "55"},
         {"DINT 3 dimensions linear 23", kCube, 23, 1, Le32(uint32_t(-1)), "Cube", 23, "-1"},
         {"USINT element 4", kSmall, 4, 1, Registers({250}), "Small", 4, "250"},
@@ -123,11 +151,19 @@ TEST_F(SingleEntries, WritesEveryLayoutIntoTheController) {
         {"DWORD", kPattern, 0, 1, Le32(0xDEADBEEF), "Pattern", 0, "3735928559"},
         {"BYTE", kRaw, 0, 1, Registers({0xAB}), "Raw", 0, "171"},
         {"SINT scalar", kOffset, 0, 1, Registers({0xF9}), "Offset", 0, "-7"},
-        {"name with commas", kStationSpeed, 0, 1, Le16(uint16_t(-300)), "Station,1,Speed", 0, "-300"},
+        {"name with commas", kStationSpeed, 0, 1, Le16(uint16_t(-300)), "Station,1,Speed", 0,
+         "-300"},
         {"indexed UINT", kGroup1, 0, 1, Le16(65000), "Group1", 0, "65000"},
         {"indexed INT array element 2", kGroup2, 2, 1, Le16(4321), "Group2", 2, "4321"},
         {"indexed REAL in a second group", kFar0, 0, 1, LeFloat(3.5f), "Far0", 0, "3.5"},
-        {"TIME from milliseconds text", kDuration, 0, 1, {'2', '5', '0', '0', '.', '2', '5', 0}, "Duration", 0, "2500250000ns"},
+        {"TIME from milliseconds text",
+         kDuration,
+         0,
+         1,
+         {'2', '5', '0', '0', '.', '2', '5', 0},
+         "Duration",
+         0,
+         "2500250000ns"},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(WriteSingle(c.tag, c.element, c.count, c.buffer), 0) << c.what;

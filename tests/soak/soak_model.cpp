@@ -10,7 +10,7 @@ namespace plc::soak {
 namespace {
 
 using host::HostTag;
-using host::HostType;
+using HostType = CipType;
 
 constexpr uint16_t kCodeReal = 0xCA;
 constexpr uint16_t kCodeLreal = 0xCB;
@@ -32,7 +32,7 @@ uint64_t double_bits(double d) {
 
 bool parse_raw(const HostType &t, const std::string &s, uint64_t &raw) {
     char *end = nullptr;
-    if (t.code == host::kCodeBool) {
+    if (t.code == kTypeBool) {
         raw = (s == "1" || s == "true") ? 1 : 0;
         return raw == 1 || s == "0" || s == "false";
     }
@@ -40,7 +40,7 @@ bool parse_raw(const HostType &t, const std::string &s, uint64_t &raw) {
         raw = float_bits(float(std::strtod(s.c_str(), &end)));
     else if (t.code == kCodeLreal)
         raw = double_bits(std::strtod(s.c_str(), &end));
-    else if (t.code == host::kCodeTime)
+    else if (t.code == kTypeTime)
         raw = uint64_t(std::llround(std::strtod(s.c_str(), &end) * double(kNsPerMs)));
     else if (is_signed(t))
         raw = uint64_t(std::strtoll(s.c_str(), &end, 0));
@@ -52,8 +52,8 @@ bool parse_raw(const HostType &t, const std::string &s, uint64_t &raw) {
 // The value as plc-host's write takes it, read back exactly as `raw`.
 std::string format_raw(const HostType &t, uint64_t raw) {
     char buf[64];
-    if (t.code == host::kCodeBool) return raw ? "1" : "0";
-    if (t.code == host::kCodeTime) return std::to_string(raw / kNsPerMs);
+    if (t.code == kTypeBool) return raw ? "1" : "0";
+    if (t.code == kTypeTime) return std::to_string(raw / kNsPerMs);
     if (is_signed(t)) return std::to_string(int64_t(raw));
     if (t.code == kCodeReal) {
         float f;
@@ -75,13 +75,13 @@ std::string format_raw(const HostType &t, uint64_t raw) {
 // and eighths, TIME in whole milliseconds below 49 days (32-bit milliseconds).
 uint64_t random_raw(const HostType &t, std::mt19937_64 &rng) {
     const int w = t.bits;
-    if (t.code == host::kCodeBool) return rng() & 1;
+    if (t.code == kTypeBool) return rng() & 1;
     if (t.code == kCodeReal) return float_bits(float(int64_t(rng() % 8000001) - 4000000) / 4.0f);
     if (t.code == kCodeLreal) {
         const int64_t span = int64_t(1) << 40;
         return double_bits(double(int64_t(rng() % uint64_t(2 * span + 1)) - span) / 8.0);
     }
-    if (t.code == host::kCodeTime) {
+    if (t.code == kTypeTime) {
         const uint64_t pick = rng() % 8;
         const uint64_t ms = pick == 0 ? 0 : pick < 3 ? rng() % 100000 : rng() % 4000000000u;
         return ms * kNsPerMs;
@@ -126,8 +126,8 @@ std::string render_time(uint64_t nanoseconds) {
 
 bool Model::load(const std::string &tag_file, const std::string &initial_file, uint16_t device,
                  std::string &error) {
-    if (const auto problem = list_.load(tag_file)) {
-        error = *problem;
+    if (!list_.load(tag_file)) {
+        error = list_.refusal_text();
         return false;
     }
     for (const HostTag &tag : list_.tags()) {
@@ -172,7 +172,7 @@ bool Model::assign(const std::string &line, std::string &error) {
     }
     Variable &v = vars_[size_t(run.tag - list_.tags().data())];
     const std::string value = line.substr(eq + 1);
-    if (run.tag->type->code == host::kCodeString) {
+    if (run.tag->type->code == kTypeString) {
         v.text = value;
         return true;
     }
@@ -189,20 +189,20 @@ void Model::expect(const PolledElement &p, PlcRequest *out) const {
     const Variable &v = vars_[p.var];
     const HostType &t = *v.tag->type;
     const uint64_t raw = v.raw[size_t(p.element.position)];
-    const std::string time_text = t.code == host::kCodeTime ? render_time(raw) : std::string();
+    const std::string time_text = t.code == kTypeTime ? render_time(raw) : std::string();
     const auto char_at = [](const std::string &s, size_t i) -> uint32_t {
         return i < s.size() ? uint8_t(s[i]) : 0;
     };
     for (size_t k = 0; k < p.element.records.size(); ++k) {
         const uint32_t e = element_index(p.element.records[k]);
         uint32_t r;
-        if (t.code == host::kCodeTime)
+        if (t.code == kTypeTime)
             r = char_at(time_text, 2 * e) | char_at(time_text, 2 * e + 1) << 8;
-        else if (t.code == host::kCodeString)
+        else if (t.code == kTypeString)
             r = char_at(v.text, e);
-        else if (host::is_double_word(t.code))
+        else if (is_double_word_type(t.code))
             r = uint32_t(k == 0 ? raw : raw >> 32);
-        else if (t.code == host::kCodeBool)
+        else if (t.code == kTypeBool)
             r = raw != 0;
         else if (t.bits == 8)
             r = uint32_t(raw & 0xFF);
@@ -234,9 +234,10 @@ size_t Model::check(bool check_written, std::vector<Mismatch> &out, size_t keep)
             same &= got[k].result == want[k].result;
         if (same) continue;
         if (++wrong > keep) continue;
+        const host::HostTag &tag = *p.element.tag;
         out.push_back({p.element.label,
-                       host::format_value(host::decode_batch_element(p.element, want)),
-                       host::format_value(host::decode_batch_element(p.element, got))});
+                       host::format_value(tag, host::decode_batch_element(p.element, want)),
+                       host::format_value(tag, host::decode_batch_element(p.element, got))});
     }
     return wrong;
 }
@@ -253,8 +254,8 @@ host::ElementRun Model::change(size_t var, std::mt19937_64 &rng, std::vector<std
     const HostType &t = *v.tag->type;
     const int64_t n = v.tag->element_count();
     // A zero byte would end a batch run of byte-wide array elements early.
-    const bool no_zero = v.tag->is_array() && t.bits == 8 && t.code != host::kCodeBool;
-    if (t.code == host::kCodeString) {
+    const bool no_zero = v.tag->is_array() && t.bits == 8 && t.code != kTypeBool;
+    if (t.code == kTypeString) {
         v.text = random_text(v.tag->str_len, rng);
         return whole(var, texts);
     }
@@ -282,7 +283,7 @@ host::ElementRun Model::whole(size_t var, std::vector<std::string> &texts) const
     run.whole = true;
     run.count = v.tag->element_count();
     texts.clear();
-    if (v.tag->type->code == host::kCodeString)
+    if (v.tag->type->code == kTypeString)
         texts.push_back(v.text);
     else
         for (const uint64_t raw : v.raw) texts.push_back(format_raw(*v.tag->type, raw));

@@ -10,8 +10,9 @@
 #include <vector>
 
 #include "plc_driver.h"
+#include "tags/cip_types.h"
 #include "tools/host_access.h"
-#include "tools/host_tag_list.h"
+#include "tools/host_tags.h"
 
 namespace plc::soak {
 

@@ -112,8 +112,7 @@ TEST_F(Decode, ByteRunsEndAtTheirFirstZeroAndKeepTheLayout) {
     // USINT run 5,0,7,9 (4 bytes), then SINT count 1 (2 bytes), then a run of
     // three SINTs (3 + 1 pad), then an INT to show where the cursor ended.
     const std::vector<uint8_t> area = {5, 0, 7, 9, 0x11, 0xEE, 1, 2, 3, 0xEE, 0x78, 0x56};
-    ASSERT_EQ(decode({{kSmall, 0, 4}, {kSigned, 2, 1}, {kSigned, 4, 3}, {kWords, 0, 1}}, area),
-              0);
+    ASSERT_EQ(decode({{kSmall, 0, 4}, {kSigned, 2, 1}, {kSigned, 4, 3}, {kWords, 0, 1}}, area), 0);
     EXPECT_EQ(result(0), 5u);
     EXPECT_EQ(result(1), 0u);
     EXPECT_EQ(result(2), 0u);
@@ -131,8 +130,8 @@ TEST_F(Decode, ByteRunsEndAtTheirFirstZeroAndKeepTheLayout) {
 }
 
 TEST_F(Decode, WordsBoolsAndWidthsOutsideTheRulesFail) {
-    const std::vector<uint8_t> area = {0x80, 0xEE, 0x00, 0xEE, 0xFE, 0xFF, 0x02, 0x00,
-                                       0x01, 0x02, 0x03, 0x84};
+    const std::vector<uint8_t> area = {0x80, 0xEE, 0x00, 0xEE, 0xFE, 0xFF,
+                                       0x02, 0x00, 0x01, 0x02, 0x03, 0x84};
     ASSERT_EQ(decode({{kLamp, 3, 1}, {kLamp, 4, 1}, {kWords, 0, 2}, {kLongs, 0, 1}}, area), 0);
     EXPECT_EQ(result(0), 1u) << "any non-zero byte is true";
     EXPECT_EQ(result(1), 0u);

@@ -140,4 +140,4 @@ TEST(Crc16, ModbusVectors) {
     EXPECT_EQ(crc16(block, sizeof block), static_cast<uint16_t>((crc >> 8) | (crc << 8)));
 }
 
-}  // namespace
+} // namespace

@@ -58,18 +58,16 @@ Written write(const TagEntry &e, uint32_t element, uint32_t count, const void *b
 
 TEST(ResolveCodec, PathItemsArePaddedToEvenAndTheirLengthsFitTheirFields) {
     // One name: the 16-bit item length P + 4, the symbol segment, the text length.
-    EXPECT_EQ(resolve_request({"Counter"}),
-              cat({{0x00, 0x00, 0xFF, 0x3F, 0, 0, 0, 0, 0x01, 0x00},
-                   {0x12, 0x00, 0x92, 0x00, 0x0D, 0x00},
-                   text("VAR://Counter"),
-                   {0x00}}));
-    EXPECT_EQ(resolve_request({"AB", "ABC"}),
-              cat({{0x00, 0x00, 0xFF, 0x3F, 0, 0, 0, 0, 2, 0},
-                   {0x0C, 0x00, 0x92, 0x00, 0x08, 0x00},
-                   text("VAR://AB"),
-                   {0x0E, 0x00, 0x92, 0x00, 0x09, 0x00},
-                   text("VAR://ABC"),
-                   {0x00}}));
+    EXPECT_EQ(resolve_request({"Counter"}), cat({{0x00, 0x00, 0xFF, 0x3F, 0, 0, 0, 0, 0x01, 0x00},
+                                                 {0x12, 0x00, 0x92, 0x00, 0x0D, 0x00},
+                                                 text("VAR://Counter"),
+                                                 {0x00}}));
+    EXPECT_EQ(resolve_request({"AB", "ABC"}), cat({{0x00, 0x00, 0xFF, 0x3F, 0, 0, 0, 0, 2, 0},
+                                                   {0x0C, 0x00, 0x92, 0x00, 0x08, 0x00},
+                                                   text("VAR://AB"),
+                                                   {0x0E, 0x00, 0x92, 0x00, 0x09, 0x00},
+                                                   text("VAR://ABC"),
+                                                   {0x00}}));
 
     // The longest path, 255 characters: P + 4 = 260 takes both bytes.
     const std::string longest(249, 'n');
@@ -130,7 +128,9 @@ TEST(ReadCodec, RequestIsPrefixCountAndEighteenBytesPerItem) {
     wire::Writer out(buffer.data(), buffer.size());
     ASSERT_TRUE(build_read_request(out, kPrefix, items, 2));
     buffer.resize(out.size());
-    EXPECT_EQ(buffer, cat({Bytes(kPrefix.begin(), kPrefix.end()), {2, 0}, Bytes(kHandle.begin(), kHandle.end()),
+    EXPECT_EQ(buffer, cat({Bytes(kPrefix.begin(), kPrefix.end()),
+                           {2, 0},
+                           Bytes(kHandle.begin(), kHandle.end()),
                            {0x04, 0x03, 0x02, 0x01, 0x07, 0x06, 0x05, 0x00},
                            Bytes(10, 0),
                            {0, 0, 0, 0, 1, 0, 0, 0}}));
@@ -191,9 +191,9 @@ TEST(Geometry, RunsMustLieInsideTheirVariable) {
         {array1("I", 0xC3, 16, 1, 10), 10, 1, true},
         {array1("I", 0xC3, 16, 1, 10), 11, 1, false},
         {array1("I", 0xC3, 16, 1, 10), 9, 2, true},
-        {array1("I", 0xC3, 16, 1, 10), 10, 2, false},        // past the last element
-        {array1("I", 0xC3, 16, 1, 10), 0, 1, false},         // below the lower bound
-        {array1("I", 0xC3, 16, 1, 10), 1, 0, false},         // a count of 0
+        {array1("I", 0xC3, 16, 1, 10), 10, 2, false}, // past the last element
+        {array1("I", 0xC3, 16, 1, 10), 0, 1, false},  // below the lower bound
+        {array1("I", 0xC3, 16, 1, 10), 1, 0, false},  // a count of 0
         {array1("I", 0xC3, 16, 1, 10), 1, 0xFFFFFFFFu, false},
         {array1("L", 0xC5, 32, 0, 8), 8, 2, true}, // LINT [0..4] declared [0..8]: ten words
         {array1("L", 0xC5, 32, 0, 8), 9, 1, true},
@@ -232,8 +232,11 @@ TEST(Geometry, BoolElementsAreNamedByTheirSubscripts) {
 TEST(WriteCodec, ValuesFromHostRegisters) {
     const uint8_t dint[] = {0x78, 0x56, 0x34, 0x12};
     EXPECT_EQ(write(scalar("D", 0xC4, 32), 0, 1, dint).request,
-              cat({Bytes(kPrefix.begin(), kPrefix.end()), {0x01, 0x00, 0x04, 0x00},
-                   Bytes(kHandle.begin(), kHandle.end()), le32(0), le32(32),
+              cat({Bytes(kPrefix.begin(), kPrefix.end()),
+                   {0x01, 0x00, 0x04, 0x00},
+                   Bytes(kHandle.begin(), kHandle.end()),
+                   le32(0),
+                   le32(32),
                    {0x78, 0x56, 0x34, 0x12}}));
     struct Case {
         TagEntry entry;
@@ -242,10 +245,13 @@ TEST(WriteCodec, ValuesFromHostRegisters) {
     };
     const uint8_t host[] = {0x11, 0xAA, 0x22, 0xBB, 0x33, 0xCC, 'l', 0, 'o', 0};
     const Case cases[] = {
-        {array1("I", 0xC3, 16, 0, 9), 3, 2, cat({{4}, le32(48), le32(32), {0x11, 0xAA, 0x22, 0xBB}})},
-        {array1("R", 0xCA, 32, 1, 10), 1, 1, cat({{4}, le32(0), le32(32), {0x11, 0xAA, 0x22, 0xBB}})},
+        {array1("I", 0xC3, 16, 0, 9), 3, 2,
+         cat({{4}, le32(48), le32(32), {0x11, 0xAA, 0x22, 0xBB}})},
+        {array1("R", 0xCA, 32, 1, 10), 1, 1,
+         cat({{4}, le32(0), le32(32), {0x11, 0xAA, 0x22, 0xBB}})},
         {array1("B", 0xC2, 8, 0, 9), 0, 3, cat({{3}, le32(0), le32(24), {0x11, 0x22, 0x33, 0x00}})},
-        {scalar("S", kTypeString, 0), 0, 5, cat({{5}, le32(0), le32(40), {0x11, 0x22, 0x33, 'l', 'o', 0}})},
+        {scalar("S", kTypeString, 0), 0, 5,
+         cat({{5}, le32(0), le32(40), {0x11, 0x22, 0x33, 'l', 'o', 0}})},
     };
     for (const Case &c : cases) {
         const Written w = write(c.entry, c.element, c.count, host);
@@ -259,10 +265,13 @@ TEST(WriteCodec, BoolCarriesTheBitInItsWordPosition) {
     TagEntry flag = scalar("Flag", kTypeBool, 1);
     flag.bit_no = 10;
     const uint8_t one[] = {1, 0};
-    EXPECT_EQ(write(flag, 0, 1, one).request,
-              cat({Bytes(kPrefix.begin(), kPrefix.end()), {0x01, 0x00, 0x02, 0x00},
-                   {0x10, 0x11, 0x12, 0x13, 0x14}, {0, 0, 0, 0, 0}, {0x15, 0x16, 0x17, 0x18},
-                   le32(1), {0x00, 0x04}}));
+    EXPECT_EQ(write(flag, 0, 1, one).request, cat({Bytes(kPrefix.begin(), kPrefix.end()),
+                                                   {0x01, 0x00, 0x02, 0x00},
+                                                   {0x10, 0x11, 0x12, 0x13, 0x14},
+                                                   {0, 0, 0, 0, 0},
+                                                   {0x15, 0x16, 0x17, 0x18},
+                                                   le32(1),
+                                                   {0x00, 0x04}}));
     flag.bit_no = 3;
     const Bytes request = write(flag, 2, 1, one).request;
     EXPECT_EQ(Bytes(request.end() - 2, request.end()), (Bytes{0x20, 0x00}));
@@ -298,7 +307,8 @@ TEST(WriteCodec, TimeTextBecomesNanosecondsAndBadValuesAreRefused) {
     EXPECT_EQ(write(array1("B", 0xC2, 8, 0, 999), 0, 256, buffer.data()).status,
               Status::ConfigError);
     EXPECT_EQ(write(array1("D", 0xC4, 32, 0, 999), 0, 0x40000001u, buffer.data()).status,
-              Status::ConfigError) << "a count whose byte size wraps 32 bits";
+              Status::ConfigError)
+        << "a count whose byte size wraps 32 bits";
     EXPECT_EQ(write(scalar("X", 0xC5, 64), 0, 1, buffer.data()).status, Status::CommFailure);
 }
 

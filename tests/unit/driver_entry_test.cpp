@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -118,8 +118,7 @@ TEST_F(DriverEntry, SessionFileKeepsTheSerialNumberLittleEndian) {
     plc::serial_n = 0;
     testing::internal::CaptureStdout();
     plc::read_past_session();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "read session_1.dat ok\nserial_n:48879\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "read session_1.dat ok\nserial_n:48879\n");
     EXPECT_EQ(plc::serial_n, 0xBEEFu);
 
     // Another device port has its own file.
@@ -212,12 +211,11 @@ class RequestEntry : public DriverEntry {
 protected:
     void SetUp() override {
         DriverEntry::SetUp();
-        WriteFile("PLC7F000001_1.csv",
-                  "A,DINT,[0..9],,,,,0\n"
-                  "L,LINT,[0..4],,,,,1\n"
-                  "M,INT,[0..2_0..3],,,,,2\n"
-                  "S,STRING,,20,,,,3\n"
-                  "T,TIME,,,,,,4\n");
+        WriteFile("PLC7F000001_1.csv", "A,DINT,[0..9],,,,,0\n"
+                                       "L,LINT,[0..4],,,,,1\n"
+                                       "M,INT,[0..2_0..3],,,,,2\n"
+                                       "S,STRING,,20,,,,3\n"
+                                       "T,TIME,,,,,,4\n");
     }
 
     // A request for tag `tag` at `element` with `count` from a fresh driver
@@ -251,17 +249,17 @@ TEST_F(RequestEntry, WriteChecksTagElementAndValueBeforeReconnecting) {
         bool reaches_connection;
     };
     const Case cases[] = {
-        {5, 0, 1, "1", false},      // not in the list of 5 plain tags
-        {0, 10, 1, "1", false},     // DINT [0..9]
-        {0, 9, 2, "1", false},      // run past the end
+        {5, 0, 1, "1", false},  // not in the list of 5 plain tags
+        {0, 10, 1, "1", false}, // DINT [0..9]
+        {0, 9, 2, "1", false},  // run past the end
         {0, 9, 1, "1", true},
-        {1, 10, 1, "1", false},     // LINT [0..4]: words 0 to 9 of [0..8] doubled
+        {1, 10, 1, "1", false}, // LINT [0..4]: words 0 to 9 of [0..8] doubled
         {1, 9, 1, "1", true},
-        {0, 0, 0, "1", false},      // a count of 0 names nothing
-        {2, 12, 1, "1", false},     // INT [0..2_0..3]
+        {0, 0, 0, "1", false},  // a count of 0 names nothing
+        {2, 12, 1, "1", false}, // INT [0..2_0..3]
         {2, 11, 1, "1", true},
-        {4, 0, 1, "-2", false},     // negative TIME
-        {0, 0, 64, "1", false},     // 256 value bytes
+        {4, 0, 1, "-2", false}, // negative TIME
+        {0, 0, 64, "1", false}, // 256 value bytes
     };
     for (const Case &c : cases) {
         const auto out = RunIsolated([&] {
@@ -288,12 +286,12 @@ TEST_F(RequestEntry, WriteChecksTagElementAndValueBeforeReconnecting) {
 TEST_F(RequestEntry, ReadChecksBeforeReconnectingAndNamesItsLines) {
     const auto out = RunIsolated([] {
         Init();
-        Call(false, 5, 0, 1);            // plain id beyond the list
-        Call(false, 0x40000, 0, 1);      // no indexed tags in the list
-        Call(false, 0, 10, 1);           // element beyond [0..9]
-        Call(false, 3, 17, 4);           // STRING of 20: characters 17..20
-        Call(false, 0, 0, 1025);         // more than the value area
-        Call(false, 0, 9, 1, "1", 2);    // admitted: the connection is down
+        Call(false, 5, 0, 1);         // plain id beyond the list
+        Call(false, 0x40000, 0, 1);   // no indexed tags in the list
+        Call(false, 0, 10, 1);        // element beyond [0..9]
+        Call(false, 3, 17, 4);        // STRING of 20: characters 17..20
+        Call(false, 0, 0, 1025);      // more than the value area
+        Call(false, 0, 9, 1, "1", 2); // admitted: the connection is down
     });
     if (!out) GTEST_SKIP() << "user and network namespaces are not available";
     EXPECT_NE(out->find("[PLC] tag id 5 is not exist in this tag list PLC7F000001_1.csv, "

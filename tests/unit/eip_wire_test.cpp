@@ -151,7 +151,8 @@ TEST(EipPacket, ItemsThatCannotBeAppendedAppendNothing) {
 
 TEST(EipPacket, ItemsAreFoundOnlyWhollyInsideTheReply) {
     const Bytes mr{0xCC, 0, 0, 0, 9, 9};
-    const Bytes rr = Message(kEncapSendRRData, CpfBody(kItemNullAddress, {}, kItemUnconnectedData, mr));
+    const Bytes rr =
+        Message(kEncapSendRRData, CpfBody(kItemNullAddress, {}, kItemUnconnectedData, mr));
     EXPECT_EQ(_GetEipCPF(View(rr)), 30u);
     EXPECT_EQ(_GetAdressItem(View(rr)), 32u);
     EXPECT_EQ(_GetDataItem(View(rr)), 36u);
@@ -166,13 +167,14 @@ TEST(EipPacket, ItemsAreFoundOnlyWhollyInsideTheReply) {
     EXPECT_FALSE(_GetAdressItem(View(Message(0x0063, {1, 0})))); // count but no item
 
     // Connected and sockaddr data items.
-    const Bytes unit = Message(kEncapSendUnitData,
-                               CpfBody(kItemConnectedAddress, {1, 2, 3, 4}, kItemConnectedData,
-                                       {7, 0, 0xD5, 0, 0, 0}));
+    const Bytes unit =
+        Message(kEncapSendUnitData, CpfBody(kItemConnectedAddress, {1, 2, 3, 4}, kItemConnectedData,
+                                            {7, 0, 0xD5, 0, 0, 0}));
     EXPECT_EQ(_GetMRReply(View(unit))->at, 46u);
     EXPECT_EQ(_GetMRReply(View(unit))->size, 4u);
-    EXPECT_FALSE(_GetMRReply(View(Message(
-        kEncapSendUnitData, CpfBody(kItemConnectedAddress, {1, 2, 3, 4}, kItemConnectedData, {7})))));
+    EXPECT_FALSE(
+        _GetMRReply(View(Message(kEncapSendUnitData, CpfBody(kItemConnectedAddress, {1, 2, 3, 4},
+                                                             kItemConnectedData, {7})))));
     Bytes sockaddr_item(30, 0);
     sockaddr_item[24] = 0xD5;
     const Bytes with_sockaddr =
@@ -191,11 +193,11 @@ TEST(EipPacket, ItemsAreFoundOnlyWhollyInsideTheReply) {
     EXPECT_FALSE(_GetMRReply(View(lying)));
     Bytes truncated(rr.begin(), rr.end() - 1);
     EXPECT_FALSE(_GetDataItem(View(truncated)));
-    Bytes short_header = Message(kEncapSendRRData, CpfBody(kItemNullAddress, {}, kItemUnconnectedData, mr),
-                                 int(rr.size() - 24 - 1));
+    Bytes short_header =
+        Message(kEncapSendRRData, CpfBody(kItemNullAddress, {}, kItemUnconnectedData, mr),
+                int(rr.size() - 24 - 1));
     EXPECT_FALSE(_GetDataItem(View(short_header)));
     EXPECT_FALSE(_GetEipCPF(View(Bytes(10, 0x6F))));
-
 }
 
 // The one reading of a message-router reply: its data lies behind the
@@ -230,8 +232,8 @@ TEST(EipSessionHelpers, LogAndDump) {
     FlushCipBuffer(1, bytes.data(), 25);
     const std::string dump = testing::internal::GetCapturedStdout();
     EXPECT_EQ(MaskPointers(dump), "P (0000) :\t00 01 02 03 04 05 06 07 08 09 \n"
-                                           "P (0010) :\t0A 0B 0C 0D 0E 0F 10 11 12 13 \n"
-                                           "P (0020) :\t14 15 16 17 18 \n\n");
+                                  "P (0010) :\t0A 0B 0C 0D 0E 0F 10 11 12 13 \n"
+                                  "P (0020) :\t14 15 16 17 18 \n\n");
 
     testing::internal::CaptureStdout();
     FlushCipBuffer(0, bytes.data(), 25);

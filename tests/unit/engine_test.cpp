@@ -26,16 +26,15 @@ namespace {
 using namespace plc::test;
 
 // Two tag lists of one controller; both use tag id 4, for other variables.
-constexpr const char *kList1 =
-    "Counts,DINT,[0..99],,,,,0\n"
-    "Speed,INT,,,,,,1\n"
-    "Flags,BOOL,[0..15],,,,,2\n"
-    "Grid,BOOL,[0..2_0..3],,,,,3\n"
-    "Level,DINT,,,,,,4\n"
-    "Name,STRING,,20,,,,5\n"
-    "Small,SINT,[0..9],,,,,6\n"
-    "Uptime,TIME,,,,,,7\n"
-    "Ghost,DINT,,,,,,8\n";
+constexpr const char *kList1 = "Counts,DINT,[0..99],,,,,0\n"
+                               "Speed,INT,,,,,,1\n"
+                               "Flags,BOOL,[0..15],,,,,2\n"
+                               "Grid,BOOL,[0..2_0..3],,,,,3\n"
+                               "Level,DINT,,,,,,4\n"
+                               "Name,STRING,,20,,,,5\n"
+                               "Small,SINT,[0..9],,,,,6\n"
+                               "Uptime,TIME,,,,,,7\n"
+                               "Ghost,DINT,,,,,,8\n";
 constexpr const char *kList2 =
     "A,DINT,,,,,,0\nB,DINT,,,,,,1\nC,DINT,,,,,,2\nD,DINT,,,,,,3\nPressure,DINT,,,,,,4\n";
 enum : uint32_t { kCounts, kSpeed, kFlags, kGrid, kLevel, kName, kSmall, kUptime, kGhost };
@@ -138,10 +137,10 @@ TEST_F(Engine, SingleReadsFillTheHostLayoutOfEachWidth) {
     const Case cases[] = {
         {kCounts, 3, 2, {3, 0, 0, 0, 4, 0, 0, 0, 0xCC}},
         {kSpeed, 0, 1, {0x34, 0x12, 0xCC}},
-        {kSmall, 1, 3, {8, 0, 9, 0, 10, 0, 0xCC}},       // one register per byte
+        {kSmall, 1, 3, {8, 0, 9, 0, 10, 0, 0xCC}}, // one register per byte
         {kName, 0, 4, {'P', 0, 'u', 0, 'm', 0, 'p', 0, 0xCC}},
-        {kFlags, 5, 1, {1, 0xCC}},                        // resolved as Flags[5]
-        {kFlags, 0, 8, {0xA5, 0xCC}},                     // a run: the whole array
+        {kFlags, 5, 1, {1, 0xCC}},    // resolved as Flags[5]
+        {kFlags, 0, 8, {0xA5, 0xCC}}, // a run: the whole array
     };
     for (const Case &c : cases) {
         ASSERT_EQ(read(c.tag, c.element, c.count), Status::Ok) << c.tag;

@@ -26,12 +26,12 @@ public:
         Bytes data;
     };
     std::vector<Request> requests;
-    std::map<std::string, Bytes> memory;   // variable (or element) name -> bytes
-    std::set<std::string> unknown;         // names the controller does not know
+    std::map<std::string, Bytes> memory; // variable (or element) name -> bytes
+    std::set<std::string> unknown;       // names the controller does not know
     std::function<void(CipCall, Bytes &)> tamper;
     bool unreachable = false;
-    bool up = true;           // whether the connection can be brought up
-    uint32_t connection = 1;  // the generation: raise it for a new connection
+    bool up = true;          // whether the connection can be brought up
+    uint32_t connection = 1; // the generation: raise it for a new connection
     int ensure_calls = 0;
     int marked_down = 0;
     static constexpr uint8_t kPrefix[10] = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4,
@@ -48,8 +48,9 @@ public:
         requests.push_back({call, Bytes(area_.begin(), area_.begin() + request_len)});
         if (unreachable) return std::nullopt;
         const Bytes &req = requests.back().data;
-        reply_ = call == CipCall::Resolve ? resolve(req) : call == CipCall::Read ? read(req)
-                                                                                  : write(req);
+        reply_ = call == CipCall::Resolve ? resolve(req)
+                 : call == CipCall::Read  ? read(req)
+                                          : write(req);
         if (tamper) tamper(call, reply_);
         return wire::Bytes{reply_.data(), reply_.size()};
     }

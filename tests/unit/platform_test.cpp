@@ -1,5 +1,5 @@
-#include "plc_driver.h"
 #include "platform/plc_ethernet.h"
+#include "plc_driver.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr uint32_t kLoopback = 0x7F000001;  // 127.0.0.1
+constexpr uint32_t kLoopback = 0x7F000001; // 127.0.0.1
 
 // A socket bound to 127.0.0.1 on a free port, closed at the end of the test.
 struct BoundSocket {
@@ -66,7 +66,7 @@ TEST(TimeSet, ReportsReadinessInEveryMode) {
 
     ASSERT_EQ(wk_send(pair[1], "x", 1), 1);
     handle.wait_seconds = 5;
-    handle.wait_milliseconds = 2500;  // beyond one second: must still be a valid wait
+    handle.wait_milliseconds = 2500; // beyond one second: must still be a valid wait
     for (int mode : {0, 1, 7}) EXPECT_EQ(wk_time_set(&handle, mode), 1) << "mode " << mode;
 
     char byte = 0;
@@ -180,4 +180,4 @@ TEST(CommunicationSet, RefusedConnectionIsReportedAndLeavesTheHandle) {
     EXPECT_EQ(open_descriptors(), open_before) << "failed attempts must close their sockets";
 }
 
-}  // namespace
+} // namespace

@@ -23,8 +23,11 @@ TEST(HandleStore, KeysKeepListsTagsAndElementsApart) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "head null\r\n");
     EXPECT_EQ(locate_link(store.get(), HandleKey{1, 4, kWholeVariable}), 0);
 
-    const HandleKey keys[] = {{1, 4, kWholeVariable}, {2, 4, kWholeVariable}, {1, 4, 5},
-                              {1, 4, 6}, {1, 0x40004, kWholeVariable}};
+    const HandleKey keys[] = {{1, 4, kWholeVariable},
+                              {2, 4, kWholeVariable},
+                              {1, 4, 5},
+                              {1, 4, 6},
+                              {1, 0x40004, kWholeVariable}};
     for (size_t i = 0; i < std::size(keys); ++i)
         EXPECT_EQ(queue_data_link(store, keys[i], handle_of(uint8_t(i + 1))), 0);
     EXPECT_EQ(queue_data_link(store, keys[2], handle_of(9)), 1) << "replaced, not added";

@@ -26,7 +26,8 @@ PlcRequest request_for(uint16_t device) {
 
 std::string plain_lines(int n) {
     std::string text;
-    for (int i = 0; i < n; ++i) text += "v" + std::to_string(i) + ",DINT,,,,,," + std::to_string(i) + "\n";
+    for (int i = 0; i < n; ++i)
+        text += "v" + std::to_string(i) + ",DINT,,,,,," + std::to_string(i) + "\n";
     return text;
 }
 
@@ -45,8 +46,9 @@ protected:
         tagtest::InDirectory in(dir_.path());
         char name[kCsvNameSize];
         TagTable *table = nullptr;
-        const std::string printed = captured(
-            [&] { table = find_or_build_tagtable(&settings_, request_for(device), lines, batch, name); });
+        const std::string printed = captured([&] {
+            table = find_or_build_tagtable(&settings_, request_for(device), lines, batch, name);
+        });
         if (output != nullptr) *output = printed;
         return table;
     }
@@ -148,26 +150,35 @@ TEST_F(TagCacheTest, TagIdBoundsAndMessagesPerEntry) {
                                         "k,INT,,,,,,270336\n" + "l,INT,,,,,,270337\n");
     TagTable *table = lookup(1);
     ASSERT_NE(table, nullptr);
-    EXPECT_EQ(captured([&] {
-                  EXPECT_TRUE(check_tag_id(*table, 4, "PLC7F000001_1.csv", kRead, false));
-                  EXPECT_FALSE(check_tag_id(*table, 5, "PLC7F000001_1.csv", kRead, false));
-                  EXPECT_FALSE(check_tag_id(*table, 5, "PLC7F000001_1.csv", kBatch, true));
-                  EXPECT_TRUE(check_tag_id(*table, 270337, "PLC7F000001_1.csv", kRead, false));
-                  EXPECT_FALSE(check_tag_id(*table, 270338, "PLC7F000001_1.csv", kRead, false));
-                  EXPECT_FALSE(check_tag_id(*table, 270338, "PLC7F000001_1.csv", kBatch, true));
-              }),
-              "[PLC] tag id 5 is not exist in this tag list PLC7F000001_1.csv, at line: 844\r\n"
-              "[PLC] tag id 5 is not exist in this tag list 5, at line: 2572\r\n"
-              "[PLC] tag id 270338 is not exist in this tag list PLC7F000001_1.csv, at line: 848\r\n"
-              "[PLC] tag id 270338 is not exist in this tag list 270337, at line: 2577\r\n");
+    EXPECT_EQ(
+        captured([&] {
+            EXPECT_TRUE(check_tag_id(*table, 4, "PLC7F000001_1.csv", kRead, false));
+            EXPECT_FALSE(check_tag_id(*table, 5, "PLC7F000001_1.csv", kRead, false));
+            EXPECT_FALSE(check_tag_id(*table, 5, "PLC7F000001_1.csv", kBatch, true));
+            EXPECT_TRUE(check_tag_id(*table, 270337, "PLC7F000001_1.csv", kRead, false));
+            EXPECT_FALSE(check_tag_id(*table, 270338, "PLC7F000001_1.csv", kRead, false));
+            EXPECT_FALSE(check_tag_id(*table, 270338, "PLC7F000001_1.csv", kBatch, true));
+        }),
+        "[PLC] tag id 5 is not exist in this tag list PLC7F000001_1.csv, at line: 844\r\n"
+        "[PLC] tag id 5 is not exist in this tag list 5, at line: 2572\r\n"
+        "[PLC] tag id 270338 is not exist in this tag list PLC7F000001_1.csv, at line: 848\r\n"
+        "[PLC] tag id 270338 is not exist in this tag list 270337, at line: 2577\r\n");
 
     // Ids that pass the bound check but lie between groups have no entry.
     const struct {
         uint32_t id;
         const char *name; // nullptr: outside every group
-    } cases[] = {{4, "v4"},         {5, nullptr},         {262144, "i"},   {262145, "j"},
-                 {262146, nullptr}, {270335, nullptr},    {270337, "l"},   {278528, nullptr},
-                 {0x103FFFF, nullptr}, {0x1040000, nullptr}, {0xFFFFFFFF, nullptr}};
+    } cases[] = {{4, "v4"},
+                 {5, nullptr},
+                 {262144, "i"},
+                 {262145, "j"},
+                 {262146, nullptr},
+                 {270335, nullptr},
+                 {270337, "l"},
+                 {278528, nullptr},
+                 {0x103FFFF, nullptr},
+                 {0x1040000, nullptr},
+                 {0xFFFFFFFF, nullptr}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.id);
         const TagLookup where = lookup_tag(*table, c.id);
@@ -265,7 +276,8 @@ TEST_F(TagCacheTest, FailedAdditionKeepsCacheAndReportsWhatFailed) {
     char file_name[kCsvNameSize];
     const std::string out = captured([&] {
         tagtest::FailAllocation fail(1);
-        EXPECT_EQ(find_or_build_tagtable(&settings_, request_for(1), kBatch, true, file_name), nullptr);
+        EXPECT_EQ(find_or_build_tagtable(&settings_, request_for(1), kBatch, true, file_name),
+                  nullptr);
     });
     EXPECT_EQ(out, "[PLC] malloc plc_tag failed at line 553\r\n"
                    "[PLC] add_tagtable failed! at line 2556\r\n");

@@ -80,7 +80,8 @@ protected:
 
     Built build(const std::string &path) {
         Built b;
-        b.output = captured([&] { b.counts = build_tagtable(&b.plain, &b.groups, path.c_str(), groupID_table); });
+        b.output = captured(
+            [&] { b.counts = build_tagtable(&b.plain, &b.groups, path.c_str(), groupID_table); });
         return b;
     }
 
@@ -106,7 +107,8 @@ TEST(TagLine, FieldsGiveTheirDeclaredShapes) {
         {"T,TIME,[0..9],,,,,5\n", "T 64 D6 d1 0..9 0..0 0..0 s0 b0 #5"},
         {"D,DWORD,[0..9],,,,,0\n", "D 32 D3 d1 0..9 0..0 0..0 s0 b0 #0"},
         // The name rule; an empty type field leaves the entry untyped.
-        {"Line,Speed,Mode,UINT,,,Speed,,Basic,9\r\n", "Line,Speed,Mode 16 C7 d0 0..0 0..0 0..0 s0 b0 #9"},
+        {"Line,Speed,Mode,UINT,,,Speed,,Basic,9\r\n",
+         "Line,Speed,Mode 16 C7 d0 0..0 0..0 0..0 s0 b0 #9"},
         {"N,,,,,,,4\n", "N 0 0 d0 0..0 0..0 0..0 s0 b0 #4"},
         // Bit numbers: at most two hexadecimal digits after the first '.'.
         {"F,BOOL,,,,W100.05,,0\n", "F 1 C1 d0 0..0 0..0 0..0 s0 b5 #0"},
@@ -191,7 +193,8 @@ TEST_F(TagListTest, ParseTouchesNothingAndBuildFillsTheSlots) {
     EXPECT_EQ(b.groups[0].count * 100 + b.groups[1].count * 10 + b.groups[2].count, 321);
     EXPECT_STREQ(b.groups[0].tags[2].name, "I2");
     EXPECT_STREQ(b.plain[1].name, "P1");
-    EXPECT_EQ((std::vector<uint32_t>{groupID_table[0], groupID_table[1], groupID_table[2], groupID_table[7]}),
+    EXPECT_EQ((std::vector<uint32_t>{groupID_table[0], groupID_table[1], groupID_table[2],
+                                     groupID_table[7]}),
               (std::vector<uint32_t>{0, 1, 2, 77}));
 
     const Built empty = build(write(""));
@@ -213,10 +216,13 @@ TEST_F(TagListTest, GroupsSharingABlockAreShadowedByTheLastOne) {
 
     const Built b = build(path);
     ASSERT_NE(b.counts, nullptr);
-    EXPECT_EQ(b.output, "[PLC] tag list " + path + ": tag ids 262144 to 262144 cannot be reached, "
-                        "the group of tag ids 262153 to 262154 took their id block\r\n"
-                        "[PLC] tag list " + path + ": tag ids 262149 to 262149 cannot be reached, "
-                        "the group of tag ids 262153 to 262154 took their id block\r\n");
+    EXPECT_EQ(b.output, "[PLC] tag list " + path +
+                            ": tag ids 262144 to 262144 cannot be reached, "
+                            "the group of tag ids 262153 to 262154 took their id block\r\n"
+                            "[PLC] tag list " +
+                            path +
+                            ": tag ids 262149 to 262149 cannot be reached, "
+                            "the group of tag ids 262153 to 262154 took their id block\r\n");
     EXPECT_EQ(groupID_table[0], 2u);
     EXPECT_EQ(groupID_table[1], 3u);
 }
@@ -236,7 +242,8 @@ TEST_F(TagListTest, LimitsAreInclusive) {
     EXPECT_EQ(std::strlen(b.plain[0].name), name.size());
 
     text.clear();
-    for (uint32_t g = 0; g < 512; ++g) text += "g,INT,,,,,," + std::to_string(0x40000 + g * 8192) + "\n";
+    for (uint32_t g = 0; g < 512; ++g)
+        text += "g,INT,,,,,," + std::to_string(0x40000 + g * 8192) + "\n";
     b = build(write(text));
     ASSERT_NE(b.counts, nullptr) << b.output;
     EXPECT_EQ(b.groups.size(), 512u);
@@ -245,9 +252,11 @@ TEST_F(TagListTest, LimitsAreInclusive) {
 
 TEST_F(TagListTest, UnreadableFilesAreRefusedWithLineAndReason) {
     std::string big_group;
-    for (uint32_t i = 0; i < 256; ++i) big_group += "g,INT,,,,,," + std::to_string(0x40000 + i) + "\n";
+    for (uint32_t i = 0; i < 256; ++i)
+        big_group += "g,INT,,,,,," + std::to_string(0x40000 + i) + "\n";
     std::string many_groups;
-    for (uint32_t g = 0; g < 513; ++g) many_groups += "g,INT,,,,,," + std::to_string(0x40000 + g * 8192) + "\n";
+    for (uint32_t g = 0; g < 513; ++g)
+        many_groups += "g,INT,,,,,," + std::to_string(0x40000 + g * 8192) + "\n";
     // One full reason per kind; further faults of a kind by their beginning.
     const struct {
         std::string content;
@@ -259,22 +268,29 @@ TEST_F(TagListTest, UnreadableFilesAreRefusedWithLineAndReason) {
         {"A,Dint,[0..9],20,note,W1.0,Basic,0\n", "line 1 names no data type"},
         {"A,Dint,,,,,,0\n", "line 1 has fewer than eight fields (\"Dint\" is not a data type)"},
         {"A,DINT,,,,,," + std::string(300, '0') + "\n", "line 1 is longer than 255 characters"},
-        {"A,DINT,,,,,,0x10\n", "line 1 has a tag id \"0x10\" that is not a decimal number from 0 to 17039359"},
+        {"A,DINT,,,,,,0x10\n",
+         "line 1 has a tag id \"0x10\" that is not a decimal number from 0 to 17039359"},
         {"A,DINT,,,,,,-1\n", "line 1 has a tag id \"-1\""},
         {"A,DINT,,,,,,17039360\n", "line 1 has a tag id \"17039360\""},
         {"A,DINT,,,,,,\n", "line 1 has a tag id \"\""},
         {"A,DINT,,,,,,0\nB,DINT,,,,,,2\n", "line 2 has plain tag id 2 where 1 was expected"},
         {"A,DINT,,,,,,0\nB,DINT,,,,,,0\n", "line 2 has plain tag id 0 where"},
         {"A,DINT,,,,,,1\n", "line 1 has plain tag id 1 where"},
-        {big_group, "line 256 has tag id 262399, making the group starting at 262144 longer than 255 entries"},
+        {big_group,
+         "line 256 has tag id 262399, making the group starting at 262144 longer than 255 entries"},
         {"a,INT,,,,,,270335\nb,INT,,,,,,270336\n",
-         "line 2 has tag id 270336, which continues the group starting at 270335 across an id block boundary"},
+         "line 2 has tag id 270336, which continues the group starting at 270335 across an id "
+         "block boundary"},
         {many_groups, "line 513 has tag id 4456448, which starts a group beyond the 512 allowed"},
-        {"A," + std::string(100, 'q') + ",DINT,,,,,,0\n", "line 1 has a name part longer than 99 characters"},
-        {"A,INT,[0.." + std::string(100, '1') + "],,,,,0\n", "line 1 has an array bounds field longer than 99 characters"},
+        {"A," + std::string(100, 'q') + ",DINT,,,,,,0\n",
+         "line 1 has a name part longer than 99 characters"},
+        {"A,INT,[0.." + std::string(100, '1') + "],,,,,0\n",
+         "line 1 has an array bounds field longer than 99 characters"},
         {"S,STRING,,12345678,,,,0\n", "line 1 has a string length field longer than 7 characters"},
-        {"A,BOOL,,,,W1.123,,0\n", "line 1 has more than 2 characters after the '.' of address \"W1.123\""},
-        {"A,BOOL,,,,W1.G,,0\n", "line 1 has a bit number in address \"W1.G\" that is not hexadecimal"},
+        {"A,BOOL,,,,W1.123,,0\n",
+         "line 1 has more than 2 characters after the '.' of address \"W1.123\""},
+        {"A,BOOL,,,,W1.G,,0\n",
+         "line 1 has a bit number in address \"W1.G\" that is not hexadecimal"},
         {std::string("A,DINT,,,,,,0\nB,DINT,,\0,,,,1\n", 29), "line 2 contains a NUL character"},
     };
     for (const auto &c : cases) {
@@ -284,7 +300,8 @@ TEST_F(TagListTest, UnreadableFilesAreRefusedWithLineAndReason) {
         ASSERT_EQ(list.status, TagListStatus::Refused);
         EXPECT_TRUE(list.refusal.lasting);
         EXPECT_TRUE(list.plain.empty() && list.groups.empty());
-        const std::string got = "line " + std::to_string(list.refusal.line) + " " + list.refusal.reason;
+        const std::string got =
+            "line " + std::to_string(list.refusal.line) + " " + list.refusal.reason;
         EXPECT_EQ(got.substr(0, c.reason.size()), c.reason);
     }
 
@@ -295,8 +312,12 @@ TEST_F(TagListTest, UnreadableFilesAreRefusedWithLineAndReason) {
     Built bad;
     bad.plain.resize(3);
     const std::string path = write("A,DINT,,,,,,0\nB,DINT,,,,,,0\nc,INT,,,,,,270336\n");
-    EXPECT_EQ(captured([&] { EXPECT_EQ(build_tagtable(&bad.plain, &bad.groups, path.c_str(), groupID_table), nullptr); }),
-              "[PLC] tag list " + path + " refused: line 2 has plain tag id 0 where 1 was expected\r\n");
+    EXPECT_EQ(captured([&] {
+                  EXPECT_EQ(build_tagtable(&bad.plain, &bad.groups, path.c_str(), groupID_table),
+                            nullptr);
+              }),
+              "[PLC] tag list " + path +
+                  " refused: line 2 has plain tag id 0 where 1 was expected\r\n");
     EXPECT_EQ(bad.plain.size(), 3u);
     EXPECT_EQ(groupID_table[1], 9u);
     EXPECT_EQ(good.counts[0], 1u);
@@ -308,7 +329,8 @@ TEST_F(TagListTest, OnlyRegularFilesAreOpenedAndNeverWaitedFor) {
     const std::string fifo = dir_.file("PLC7F000001_9.csv");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const std::string &path : {fifo, dir_.path()}) {
-        EXPECT_EQ(build(path).output, "[PLC] tag list " + path + " refused: it is not a regular file\r\n");
+        EXPECT_EQ(build(path).output,
+                  "[PLC] tag list " + path + " refused: it is not a regular file\r\n");
         EXPECT_TRUE(parse_tag_list(path.c_str()).refusal.lasting);
     }
     alarm(0);

@@ -113,7 +113,7 @@ TEST_F(UtilFiles, LogAppendsAndCutsLongMessages) {
     wk_log(long_file.c_str(), "%s|", message.c_str());
     EXPECT_EQ(contents(long_file), std::string(255, 'x'));
 
-    wk_log(path("no/dir/file.log").c_str(), "dropped %d", 3);  // silently skipped
+    wk_log(path("no/dir/file.log").c_str(), "dropped %d", 3); // silently skipped
     EXPECT_FALSE(fs::exists(path("no")));
 }
 
@@ -142,4 +142,4 @@ TEST(Dump, TenBytesPerLineAfterTheHeading) {
               "[none]\tlen=0\r\n[dump_b] len=-3\r\n[dump_b] len=4\r\n");
 }
 
-}  // namespace
+} // namespace
