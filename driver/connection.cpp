@@ -66,10 +66,12 @@ void session_file_name(char (&name)[kSessionFileNameSize]) {
 // goes whatever the controller answers, and one that stopped answering would
 // otherwise hold the host for a whole reply time-out before the rebuild even
 // starts. The request is the same; only the wait for its answer is shorter
-// (a controller that answers does so within milliseconds).
+// (a controller that answers does so within milliseconds), and none at all
+// when the controller already let a request's whole time-out pass: a call
+// that rebuilds then waits for no more than the new session's registration.
 void close_abandoned_connection() {
     if (!connection) return;
-    if (session) session->timeout_us = kAbandonReplyTimeoutUs;
+    if (session) session->timeout_us = session->went_silent ? 0 : kAbandonReplyTimeoutUs;
     Forward_Close(std::move(connection));
     connection.reset();
 }

@@ -114,6 +114,7 @@ std::optional<wire::Bytes> _ConnectedSend(EipSession &session, CipConnection &co
         if (reply.data_item.size == 0) break;
         return reply.data_item;
     }
+    if (sent && Clock::now() >= wait.deadline) session.went_silent = true;
     LogCip(2, "!Exiting ConnectedSend with no response\r\n");
     return std::nullopt;
 }

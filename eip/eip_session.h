@@ -23,6 +23,9 @@ struct EipSession {
     // reply inside the receive itself.
     int32_t receive_timeout_sock = -1;
     int32_t receive_timeout_us = 0;
+    // A connected request waited its whole time-out for a reply: the
+    // controller stopped answering on this session.
+    bool went_silent = false;
 };
 
 std::unique_ptr<EipSession> _OpenSession(const char *host, uint16_t port, int buffer_size,

@@ -15,16 +15,6 @@ namespace {
 
 constexpr int kLineTransRecv = 2470;
 
-// The names of the variables that one refused request asked for.
-void report_unknown(const std::string_view *names, size_t count, uint8_t general) {
-    std::printf("[PLC] %s ", count == 1 ? "variable" : "one of the variables");
-    for (size_t k = 0; k < count; ++k) {
-        std::printf("%s%.*s", k == 0 ? "" : ", ", static_cast<int>(names[k].size()),
-                    names[k].data());
-    }
-    std::printf(" is not known to the controller (general status 0x%02X)\r\n", general);
-}
-
 } // namespace
 
 Status OMRON_INIT_REQ(ControllerLink &link, const TagTable &table) {
@@ -55,7 +45,7 @@ Status OMRON_INIT_REQ(ControllerLink &link, const TagTable &table) {
         case ReplyCheck::Refused:
             // The controller answered: the connection works, the tag list
             // names a variable its program does not have.
-            report_unknown(&names[start], count, general);
+            report_unknown_variables(&names[start], count, general);
             return Status::ConfigError;
         case ReplyCheck::Unexpected: link.mark_down(); return Status::CommFailure;
         }

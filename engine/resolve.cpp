@@ -62,9 +62,7 @@ Status REG_INIT(ControllerLink &link, const SingleTarget &target) {
         // The controller answered: the connection works, the tag list names a
         // variable its program does not have. Nothing is kept, so that the
         // next call asks again and finds a variable a new program adds.
-        std::printf("[PLC] variable %.*s is not known to the controller (general status "
-                    "0x%02X)\r\n",
-                    static_cast<int>(name.size()), name.data(), general);
+        report_unknown_variables(&name, 1, general);
         return Status::ConfigError;
     case ReplyCheck::Unexpected: link.mark_down(); return Status::CommFailure;
     }

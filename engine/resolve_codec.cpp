@@ -1,6 +1,7 @@
 #include "engine/resolve_codec.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "eip/cip.h"
 
@@ -77,6 +78,15 @@ ReplyCheck parse_resolve_reply(wire::Bytes reply, size_t sent, RequestPrefix &pr
         in.bytes(handles[m].data(), handles[m].size());
     }
     return in.ok() ? ReplyCheck::Ok : ReplyCheck::Unexpected;
+}
+
+void report_unknown_variables(const std::string_view *names, size_t count, uint8_t general) {
+    std::printf("[PLC] %s ", count == 1 ? "variable" : "one of the variables");
+    for (size_t k = 0; k < count; ++k) {
+        std::printf("%s%.*s", k == 0 ? "" : ", ", static_cast<int>(names[k].size()),
+                    names[k].data());
+    }
+    std::printf(" is not known to the controller (general status 0x%02X)\r\n", general);
 }
 
 } // namespace plc

@@ -40,4 +40,8 @@ bool build_resolve_request(wire::Writer &out, const std::string_view *names, siz
 ReplyCheck parse_resolve_reply(wire::Bytes reply, size_t sent, RequestPrefix &prefix,
                                VarHandle *handles, uint8_t *general_status);
 
+// Tells the host which names a Refused reply concerned: the tag list names a
+// variable that the controller's program does not have.
+void report_unknown_variables(const std::string_view *names, size_t count, uint8_t general);
+
 } // namespace plc

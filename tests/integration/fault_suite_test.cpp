@@ -7,6 +7,7 @@
 #include <dirent.h>
 
 #include <chrono>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,11 @@ struct Case {
     bool reconnecting;  // the fault hits the rebuild after a controller restart
     bool flood = false; // what follows the reply may still be arriving at the next call
 };
+
+// How CTest lists the case, instead of its bytes.
+void PrintTo(const Case &c, std::ostream *os) {
+    *os << name_of(c.entry) << " " << c.fault << " -> " << c.status;
+}
 
 // One reply time-out, and what a loaded machine may add to it.
 constexpr double kLongestCallSeconds = 10.0 + 2.0;
