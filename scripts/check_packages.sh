@@ -42,7 +42,9 @@ for f in "$out"/*.deb "$out"/*.ddeb; do dpkg-deb -x "$f" "$tmp/deb"; done
 for f in "$out"/*.tar.gz; do tar -xzf "$f" -C "$tmp/tgz"; done
 
 build_id() { readelf -n "$1" 2>/dev/null | sed -n 's/.*Build ID: //p'; }
-has_debug_info() { readelf -S "$1" 2>/dev/null | grep -q '\.debug_info'; }
+# grep reads to the end: with -q it would stop at the match, readelf would die
+# of SIGPIPE writing the rest, and pipefail would turn the match into a miss.
+has_debug_info() { readelf -S "$1" 2>/dev/null | grep '\.debug_info' >/dev/null; }
 check_binary() { # FILE DEBUG_ROOT
     local id
     id=$(build_id "$1")

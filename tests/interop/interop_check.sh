@@ -98,7 +98,7 @@ cat client.out
 # Let the capture see the end of the conversation before it is stopped.
 has_close_reply() {
     tshark -r "$pcap" -Y "tcp.srcport == $port && cip.cm.sc == 0x4e" -T fields -e frame.number \
-        2>/dev/null | grep -q .
+        2>/dev/null | grep . >/dev/null
 }
 [[ $client_rc -ne 0 ]] || wait_until "the Forward_Close reply to reach the capture" has_close_reply
 kill -INT "$dumpcap_pid"

@@ -159,7 +159,7 @@ cat client.out
 
 # Let the capture see the end of the conversation before it is stopped.
 has_unregister() {
-    tshark -r "$pcap" -Y "enip.command == 0x0066" -T fields -e frame.number 2>/dev/null | grep -q .
+    tshark -r "$pcap" -Y "enip.command == 0x0066" -T fields -e frame.number 2>/dev/null | grep . >/dev/null
 }
 if [[ $client_rc -eq 0 ]]; then
     wait_until "the UnRegisterSession to reach the capture" has_unregister
