@@ -41,10 +41,10 @@ struct BatchPlan {
     std::array<PlannedItem, kBatchCapacity> item;
 };
 
-// Whether the plan was made for this table and for records with these count
-// fields (the pairs of tag id and element are the set's own key): then every
-// check and every fold of the batch comes out as it did when it was made.
-bool plan_fits(const BatchPlan &plan, uint32_t table_serial, const uint16_t *record_counts,
-               size_t n);
+// Whether the plan was made for records with these count fields (the table
+// and the pairs of tag id and element are the set's own key, and a set goes
+// when group slots are rewritten): then every check and every fold of the
+// batch comes out as it did when it was made.
+bool plan_fits(const BatchPlan &plan, const uint16_t *record_counts, size_t n);
 
 } // namespace plc

@@ -46,27 +46,30 @@ Status batch_read(ControllerLink &link, const DriverSettings *settings, PlcReque
     unpack_batch_records(requests, count, key);
     const TagTable *table = batch_table(settings, requests, count);
     if (table == nullptr) return Status::ConfigError;
+    key.table_serial = table->serial;
     const size_t n = static_cast<size_t>(count);
 
-    // A remembered set whose plan was made from this table for records with
-    // these count fields was checked and folded when it was made: it passes
-    // and folds the same way now. Any other batch is checked here, and one
+    // A remembered set whose plan was made for records with these count
+    // fields was checked and folded when it was made: it passes and folds the
+    // same way now, as long as no list has rewritten the group slots since
+    // (then it is forgotten here). Any other batch is checked here, and one
     // with a record that cannot be valid is refused like an unknown tag id:
     // before the connection is rebuilt or anything is sent.
-    const RegLink *set = Query_node(node.get(), key);
-    const bool planned =
-        set != nullptr && plan_fits(set->plan, table->serial, key.counts.data(), n);
+    forget_resolutions_of_rewritten_slots();
+    RegLink *kept = Query_node(node.get(), key);
+    const bool planned = kept != nullptr && plan_fits(kept->plan, key.counts.data(), n);
     if (planned) {
-        apply_batch_plan(set->plan);
+        apply_batch_plan(kept->plan);
     } else if (Reg_Classify_Sort(*table, count) != Status::Ok) {
         return Status::ConfigError;
     }
 
     if (!connection_ready(link)) return Status::CommFailure;
-    // A rebuilt connection forgot every set. A set is remembered only once its
-    // variables are prepared on this connection; a set whose preparation
-    // failed is prepared again by its next call.
-    RegLink *kept = Query_node(node.get(), key);
+    // A rebuilt connection forgot every set; the records were checked all the
+    // same, so a plan can be made from them again. A set is remembered only
+    // once its variables are prepared on this connection; a set whose
+    // preparation failed is prepared again by its next call.
+    if (!node) kept = nullptr;
     const BatchPlan *plan = kept != nullptr && planned ? &kept->plan : nullptr;
     if (plan == nullptr) {
         make_batch_plan(*table, requests, count, fresh_plan);
@@ -80,7 +83,7 @@ Status batch_read(ControllerLink &link, const DriverSettings *settings, PlcReque
     if (kept == nullptr) {
         build_node(node, key, fresh_plan);
     } else if (plan == &fresh_plan) {
-        kept->plan = fresh_plan; // made for other count fields or another table
+        kept->plan = fresh_plan; // made for other count fields
     }
     return OMRON_INTERACT(link, *plan, requests);
 }

@@ -123,9 +123,8 @@ void list_init_tags(const TagTable &table, int32_t n) {
     reg_init_num = static_cast<uint32_t>(k);
 }
 
-bool plan_fits(const BatchPlan &plan, uint32_t table_serial, const uint16_t *record_counts,
-               size_t n) {
-    return plan.table_serial == table_serial && plan.records == n &&
+bool plan_fits(const BatchPlan &plan, const uint16_t *record_counts, size_t n) {
+    return plan.records == n &&
            std::memcmp(plan.record_counts.data(), record_counts, n * sizeof *record_counts) == 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include "engine/handle_store.h"
 #include "engine/request_set_cache.h"
+#include "tags/tag_list.h"
 
 namespace plc {
 
@@ -18,11 +19,20 @@ void forget_resolutions() {
 }
 
 namespace {
-// The connection the kept handles and request sets were resolved on.
+// The connection the kept handles and request sets were resolved on, and the
+// group slots they were looked up through.
 uint32_t resolved_on = 0;
+uint32_t slots_seen = 0;
 } // namespace
 
+void forget_resolutions_of_rewritten_slots() {
+    if (group_slot_writes == slots_seen) return;
+    forget_resolutions();
+    slots_seen = group_slot_writes;
+}
+
 bool connection_ready(ControllerLink &link) {
+    forget_resolutions_of_rewritten_slots();
     if (!link.ensure_up()) return false;
     // Handles of another connection name nothing on this one: a controller
     // that reuses handle numbers after a restart would answer them with other

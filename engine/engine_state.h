@@ -21,6 +21,11 @@ extern RequestPrefix recv_flag_data1;
 // connection that is gone.
 void forget_resolutions();
 
+// Forgets them too when a tag list built since rewrote group slots: an id may
+// now lead to another entry, or to none, than when its handle was resolved or
+// its request set checked. Every entry asks before it looks at either.
+void forget_resolutions_of_rewritten_slots();
+
 // Rebuilds the connection when it is down; a connection other than the one
 // the kept handles were resolved on comes without handles and without
 // remembered request sets. False when it is still down.

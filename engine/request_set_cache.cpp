@@ -11,6 +11,7 @@ namespace {
 
 bool same_pairs(const RegLink &set, const RequestSetKey &key) {
     return set.hash == key.hash && set.count == key.pairs &&
+           set.plan.table_serial == key.table_serial &&
            std::equal(key.elements.begin(), key.elements.begin() + key.pairs,
                       set.elements.begin()) &&
            std::equal(key.tag_ids.begin(), key.tag_ids.begin() + key.pairs, set.tag_ids.begin());

@@ -14,9 +14,12 @@ namespace plc {
 // A batch carries at most this many records, so a set holds at most this many pairs.
 constexpr size_t kRequestSetCapacity = 100;
 
-// The key of one batch call: its element indexes and tag ids in record order.
-// Nothing else of a record (its count field, its device number) takes part.
+// The key of one batch call: its tag list, and its element indexes and tag
+// ids in record order. Two lists that use the same ids for other variables
+// have sets of their own. Nothing else of a record (its count field, its
+// device number) takes part.
 struct RequestSetKey {
+    uint32_t table_serial = 0;
     std::array<uint32_t, kRequestSetCapacity> elements{};
     std::array<uint32_t, kRequestSetCapacity> tag_ids{};
     uint16_t pairs = 0;

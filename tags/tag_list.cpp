@@ -6,6 +6,7 @@
 namespace plc {
 
 std::array<uint32_t, kGroupSlots> groupID_table{};
+uint32_t group_slot_writes = 0;
 
 namespace {
 
@@ -80,6 +81,7 @@ const uint32_t *publish_tag_list(ParsedTagList &list, std::vector<TagEntry> *ent
         const uint32_t slot = group_slot(first_id(list.groups[g]));
         if (slot < group_table.size()) group_table[slot] = static_cast<uint32_t>(g);
     }
+    if (!list.groups.empty()) ++group_slot_writes;
     temp_count[0] = list.plain_count();
     temp_count[1] = list.max_indexed_id;
     *entries_out = std::move(list.plain);

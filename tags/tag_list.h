@@ -17,6 +17,11 @@ namespace plc {
 // Indexed-tag id block (32 + slot) -> group number in the list built last
 // that has a group starting in that block. Shared by all lists.
 extern std::array<uint32_t, kGroupSlots> groupID_table;
+// How often an accepted list has written group slots. A slot written by one
+// list changes what the ids of every other list lead to, so whatever was
+// worked out from a lookup (a request set's plan, a handle kept by tag id)
+// holds only while this count stays the same.
+extern uint32_t group_slot_writes;
 
 // Parses `path`; on success stores the arrays and returns temp_count
 // {plain tag count, highest indexed tag id}; on failure returns nullptr and

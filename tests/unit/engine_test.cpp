@@ -197,6 +197,15 @@ TEST_F(Engine, HandlesBelongToTheirListAndToTheElementTheyWereResolvedFor) {
     EXPECT_EQ(host[0], 0x11);
     ASSERT_EQ(read(kLevel, 0, 1, 2), Status::Ok);
     EXPECT_EQ(host[0], 0x22) << "device 2 read device 1's variable";
+    // So do their request sets: the same pairs polled for each device in turn
+    // are two sets, each read with its own handles, neither failing.
+    for (int round = 0; round < 2; ++round) {
+        for (const uint16_t device : {1, 2}) {
+            std::vector<PlcRequest> level = {req(kLevel, 0, device)};
+            ASSERT_EQ(poll(level), Status::Ok) << "device " << device;
+            EXPECT_EQ(level[0].result, device == 1 ? 0x11u : 0x22u);
+        }
+    }
 
     // A run of BOOL elements resolves the whole array; one element alone is
     // resolved by itself and read at its own bit.
@@ -213,8 +222,32 @@ TEST_F(Engine, HandlesBelongToTheirListAndToTheElementTheyWereResolvedFor) {
     EXPECT_EQ(batch[0].result, 1u);
     EXPECT_EQ(batch[1].result, 1u);
     EXPECT_EQ(resolved_names(),
-              (std::vector<std::string>{"Level", "Pressure", "Flags", "Flags[5]", "Flags[4]",
-                                        "Grid[1,3]", "Grid[1,3]", "Flags[5]"}));
+              (std::vector<std::string>{"Level", "Pressure", "Level", "Pressure", "Flags",
+                                        "Flags[5]", "Flags[4]", "Grid[1,3]", "Grid[1,3]",
+                                        "Flags[5]"}));
+}
+
+TEST_F(Engine, AListThatTakesAnIdBlockLeavesNoPlanOrHandleBehind) {
+    // Device 3's group owns id block 1 until device 4's list, built later,
+    // takes the block with a group of another number.
+    write_file("PLC7F000001_3.csv", "Tank,DINT,,,,,,270336\n");
+    write_file("PLC7F000001_4.csv", "Valve,DINT,,,,,,262144\nPump,DINT,,,,,,270336\n");
+    fake.memory["Tank"] = {0x33, 0, 0, 0};
+    fake.memory["Valve"] = {0x44, 0, 0, 0};
+    std::vector<PlcRequest> tank = {req(270336, 0, 3)};
+    ASSERT_EQ(poll(tank), Status::Ok);
+    EXPECT_EQ(tank[0].result, 0x33u);
+    std::vector<PlcRequest> valve = {req(262144, 0, 4)};
+    ASSERT_EQ(poll(valve), Status::Ok);
+
+    // Tank's id now leads nowhere: the remembered set is refused like a new
+    // one, on this connection and on a rebuilt one, and so is the single read.
+    tank[0].result = 0;
+    EXPECT_EQ(poll(tank), Status::ConfigError);
+    ++fake.connection;
+    EXPECT_EQ(poll(tank), Status::ConfigError);
+    EXPECT_EQ(tank[0].result, 0u);
+    EXPECT_EQ(read(270336, 0, 1, 3), Status::ConfigError);
 }
 
 TEST_F(Engine, RefusalsAndMalformedRepliesAreFailuresAndRebuildTheConnection) {
