@@ -12,6 +12,12 @@
 
 namespace plc::host {
 
+// The driver moves a text, a date or a time of day as one whole variable, so
+// an element of an array of them is refused with a reason rather than read
+// or written at another element than the one named. (A subscript on a
+// variable that is no array is refused when the name is read.)
+bool addressed_whole(const ElementRun &run, HostError &err);
+
 // ---- reading ---------------------------------------------------------------
 
 // Whether the batch entry carries this variable's values: it ends a byte run

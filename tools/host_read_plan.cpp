@@ -72,9 +72,17 @@ bool read_through_batch(const ElementRun &run) {
     return false;
 }
 
+bool addressed_whole(const ElementRun &run, HostError &err) {
+    const HostTag &tag = *run.tag;
+    if (!tag.is_array()) return true;
+    return fail(err, kExitConfig,
+                "arrays of " + std::string(tag.type->name) + " cannot be addressed by the host");
+}
+
 bool plan_single_read(const ElementRun &run, SingleReadPlan &plan, HostError &err) {
     const HostTag &tag = *run.tag;
     plan = SingleReadPlan{};
+    if ((is_text(tag) || is_date_like(tag)) && !addressed_whole(run, err)) return false;
     if (is_text(tag)) {
         plan.count = tag.str_len ? tag.str_len : uint32_t(run.count);
         plan.buffer_bytes = size_t(plan.count) * 2;
@@ -83,10 +91,6 @@ bool plan_single_read(const ElementRun &run, SingleReadPlan &plan, HostError &er
         return true;
     }
     if (is_date_like(tag)) {
-        if (tag.is_array())
-            return fail(err, kExitConfig,
-                        "arrays of " + std::string(tag.type->name) +
-                            " cannot be addressed by the host");
         plan.count = 8;
         plan.buffer_bytes = 16;
         return true;

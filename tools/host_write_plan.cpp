@@ -13,8 +13,7 @@ constexpr size_t kMaxWriteValueBytes = 255;
 bool plan_text(const ElementRun &run, const std::vector<std::string> &values,
                std::vector<WriteOp> &ops, HostError &err) {
     const HostTag &tag = *run.tag;
-    if (!run.whole)
-        return fail(err, kExitUnknown, "'" + tag.name + "' is a text: write it by its name");
+    if (!addressed_whole(run, err)) return false;
     if (values.size() != 1)
         return fail(err, kExitUsage, "a text takes one VALUE (quote it if it has blanks)");
     const std::string &s = values[0];
@@ -53,10 +52,7 @@ std::vector<uint8_t> time_text(const std::vector<uint8_t> &image) {
 // The driver moves these 8 bytes one per 16-bit register.
 bool plan_date_like(const ElementRun &run, const std::vector<uint8_t> &image,
                     std::vector<WriteOp> &ops, HostError &err) {
-    if (run.tag->is_array())
-        return fail(err, kExitConfig,
-                    "arrays of " + std::string(run.tag->type->name) +
-                        " cannot be addressed by the host");
+    if (!addressed_whole(run, err)) return false;
     WriteOp op;
     op.label = run.tag->name;
     op.count = 8;

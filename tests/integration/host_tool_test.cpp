@@ -17,7 +17,7 @@ namespace {
 // The tests' tag list with the types it lacks: no fixed width, moved as bytes.
 const std::string kMoreTags = "Shift,TIME_OF_DAY,,,,,,27\nMade,DATE,,,,,,28\n"
                               "Stamp,DATE_AND_TIME,,,,,,29\nPeriod,STIME,,,,,,30\n"
-                              "Code2,STRING2,,,,,,31\n";
+                              "Code2,STRING2,,,,,,31\nCodes,STRING2,[0..3],,,,,32\n";
 
 class HostTool : public DriverFixture {
 protected:
@@ -255,6 +255,10 @@ TEST_F(HostTool, RefusesUnknownNamesAndIndexesWithoutTraffic) {
         {{"write", "Made", "2023-02-29"}, "expected a date like 2024-03-15", 64},
         {{"write", "Status", "0x10000"}, "out of range", 64},
         {{"write", "Duration", "-1s"}, "a TIME written by the driver cannot be negative", 64},
+        // The driver moves a text whole: another element would come back
+        // under this one's name.
+        {{"read", "Codes[3]"}, "arrays of STRING2 cannot be addressed by the host", 3},
+        {{"poll", "Codes", "--times", "1"}, "arrays of STRING2 cannot be addressed by the host", 3},
         // The driver would resolve it as "Matrix[9]", which the controller refuses.
         {{"write", "Matrix[2,1]", "false"},
          "cannot write elements of a multi-dimensional BOOL array",
@@ -303,7 +307,7 @@ TEST_F(HostTool, FailuresAreExplained) {
         if (c.start_sim) StartAll({}, c.sim_extra);
         // A variable of the panel's list that the controller's program lacks.
         dir.Write(kTagListName,
-                  ReadWholeFile(TestTagListPath()) + kMoreTags + "Ghost,DINT,,,,,,32\n");
+                  ReadWholeFile(TestTagListPath()) + kMoreTags + "Ghost,DINT,,,,,,33\n");
         const RunResult r = Tool(c.args);
         EXPECT_EQ(r.status, c.status) << Join(c.args);
         EXPECT_EQ(r.out, "") << Join(c.args);
