@@ -221,10 +221,9 @@ TEST_F(Engine, HandlesBelongToTheirListAndToTheElementTheyWereResolvedFor) {
     ASSERT_EQ(poll(batch), Status::Ok);
     EXPECT_EQ(batch[0].result, 1u);
     EXPECT_EQ(batch[1].result, 1u);
-    EXPECT_EQ(resolved_names(),
-              (std::vector<std::string>{"Level", "Pressure", "Level", "Pressure", "Flags",
-                                        "Flags[5]", "Flags[4]", "Grid[1,3]", "Grid[1,3]",
-                                        "Flags[5]"}));
+    EXPECT_EQ(resolved_names(), (std::vector<std::string>{"Level", "Pressure", "Level", "Pressure",
+                                                          "Flags", "Flags[5]", "Flags[4]",
+                                                          "Grid[1,3]", "Grid[1,3]", "Flags[5]"}));
 }
 
 TEST_F(Engine, AListThatTakesAnIdBlockLeavesNoPlanOrHandleBehind) {
