@@ -1,5 +1,7 @@
 #include "sim/connections.h"
 
+#include <algorithm>
+
 #include "sim/codes.h"
 #include "sim/log.h"
 #include "sim/trace.h"
@@ -136,6 +138,12 @@ std::shared_ptr<Connection> ConnectionTable::Find(uint32_t session, uint32_t ot_
     const auto it = connections_.find(ot_id);
     if (session == 0 || it == connections_.end() || it->second.session != session) return nullptr;
     return it->second.connection;
+}
+
+bool ConnectionTable::HasConnections(uint32_t session) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return session != 0 && std::any_of(connections_.begin(), connections_.end(),
+                                       [&](const auto &e) { return e.second.session == session; });
 }
 
 void ConnectionTable::ExpireIdle(Clock::time_point now) {

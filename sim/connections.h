@@ -88,6 +88,8 @@ public:
     bool Close(const Triple &triple);
     // The open connection with this O->T id owned by this session, or null.
     std::shared_ptr<Connection> Find(uint32_t session, uint32_t ot_id) const;
+    // Whether the session holds an open connection.
+    bool HasConnections(uint32_t session) const;
     // Closes the connections whose timeout has passed.
     void ExpireIdle(Clock::time_point now);
     // A restart: every session and connection forgotten.

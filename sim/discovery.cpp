@@ -94,6 +94,7 @@ ssize_t UdpDiscovery::Receive(std::vector<uint8_t> &buffer, sockaddr_in &peer, u
     msg.msg_controllen = sizeof control;
     const ssize_t n = recvmsg(fd_, &msg, 0);
     local = local_address_;
+    if (n < 0) return n; // nothing received, no control data to read
     for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
         if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_PKTINFO) continue;
         in_pktinfo info;

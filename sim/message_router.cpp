@@ -47,6 +47,10 @@ CipReply MessageRouter::UnconnectedSend(uint32_t session, const MrRequest &reque
         return refusal;
     }
     if (!embedded) return CipReply::Error(general::kPathSegmentError);
+    // A request routed to this slot is not routed on from here: an embedded
+    // Unconnected_Send would nest without bound, each level a copy.
+    if (embedded->service == service::kUnconnectedSend)
+        return CipReply::Error(general::kServiceNotSupported);
     CipReply reply = Unconnected(session, *embedded, refuse_open);
     reply.service = embedded->service;
     return reply;

@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -116,6 +117,9 @@ void Server::AcceptLoop() {
         if (fd < 0) continue;
         const int one = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        const auto ms = options_.inactivity_timeout.count();
+        const timeval limit{time_t(ms / 1000), suseconds_t(ms % 1000 * 1000)};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         std::lock_guard<std::mutex> lock(clients_mutex_);
         if (clients_.size() >= options_.max_clients) {
             Log::Warn("too many clients; closing the connection from " + PeerName(peer));
@@ -171,6 +175,14 @@ void Server::Serve(Client &client) {
         std::array<uint8_t, kHeaderSize> header_bytes{};
         std::vector<uint8_t> body;
         while (!stop_.stopped()) {
+            pollfd p{client.fd, POLLIN, 0};
+            const int ready = poll(&p, 1, int(options_.inactivity_timeout.count()));
+            if (ready < 0 && errno == EINTR) continue;
+            if (ready == 0) {
+                if (protocol.HoldsConnections()) continue;
+                Log::Trace("-- " + client.peer + " silent too long");
+                break;
+            }
             if (!ReadExact(client.fd, header_bytes.data(), header_bytes.size())) break;
             const Header header = ParseHeader(header_bytes.data());
             body.resize(header.length);

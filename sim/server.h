@@ -35,6 +35,10 @@ struct ServerOptions {
     // before it is closed (its own timeout is RPI x multiplier).
     std::chrono::milliseconds connection_timeout{0};
     bool answer_unknown_connections = false; // see SessionContext
+    // A TCP connection that sends nothing for this long is closed, unless its
+    // session holds a connection; a message begun and not finished within it
+    // closes it too. Silent clients would otherwise keep their places for ever.
+    std::chrono::milliseconds inactivity_timeout{120000};
 };
 
 class Server {

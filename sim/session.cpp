@@ -50,7 +50,9 @@ ClientProtocol::Outcome ClientProtocol::Dispatch(const Header &h, const std::vec
     const bool known = h.Is(Command::UnRegisterSession) || h.Is(Command::SendRRData) ||
                        h.Is(Command::SendUnitData);
     if (!known) return Reply(h, EncapStatus::InvalidCommand);
-    if (!SessionOk(h)) return Reply(h, EncapStatus::InvalidSession);
+    // UnRegisterSession is never answered, not even for a wrong session.
+    if (!SessionOk(h))
+        return h.Is(Command::UnRegisterSession) ? Outcome{} : Reply(h, EncapStatus::InvalidSession);
     if (h.Is(Command::SendRRData)) return SendRRData(h, body, refuse_open);
     if (h.Is(Command::SendUnitData)) return SendUnitData(h, body);
     ctx_.table.CloseSession(session_);

@@ -47,6 +47,9 @@ public:
 
     // One request message. `refuse_open` refuses a Forward_Open it carries.
     Outcome Handle(const Header &h, const std::vector<uint8_t> &body, bool refuse_open = false);
+    // Whether this client's session holds a connection, which keeps its TCP
+    // connection open however long it stays silent.
+    bool HoldsConnections() const { return ctx_.table.HasConnections(session_); }
 
 private:
     Outcome Dispatch(const Header &h, const std::vector<uint8_t> &body, bool refuse_open);

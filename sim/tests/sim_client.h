@@ -145,6 +145,12 @@ public:
         r.body = *body;
         return r;
     }
+    // Whether the simulator closes the connection (rather than the guard
+    // running out) before anything arrives.
+    bool ClosedByPeer() {
+        uint8_t byte;
+        return recv(fd_, &byte, 1, 0) == 0;
+    }
     std::optional<Reply> Exchange(uint16_t command, uint32_t session, const Bytes &body) {
         Send(Encap(command, session, body));
         return Receive();

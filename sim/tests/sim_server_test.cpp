@@ -102,6 +102,8 @@ TEST_F(SimServer, SessionRulesAndEncapsulationErrors) {
         ASSERT_TRUE(r);
         EXPECT_EQ(r->status, 0x03u);
     }
+    // UnRegisterSession is never answered, not even for another session.
+    c.Send(Encap(kUnregister, session ^ 1, {}));
     // Options set: discarded without a word; the next message is answered.
     c.Send(Encap(kRRData, session, RRBody(ForwardClose(1)), 1));
     r = c.Exchange(kListServices, 0, {});
@@ -174,6 +176,15 @@ TEST_F(SimServer, DiscoveryAndIdentityAnswerWithoutAConnection) {
         c.RR(Mr(0x52, kCmPath,
                 {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x00}));
     EXPECT_EQ(routed, (Bytes{0x8E, 0, 0, 0, 0x0E, 0x00}));
+    // Delivered here, it is not routed on: nesting would have no end.
+    const Bytes inner =
+        Mr(0x52, kCmPath,
+           {0x0A, 0xF0, 8, 0, 0x0E, 3, 0x20, 0x01, 0x24, 0x01, 0x30, 0x02, 1, 0, 0x01, 0x00});
+    Bytes outer = {0x0A, 0xF0, uint8_t(inner.size()), 0};
+    outer.insert(outer.end(), inner.begin(), inner.end());
+    if (inner.size() & 1) outer.push_back(0);
+    outer.insert(outer.end(), {1, 0, 0x01, 0x00});
+    EXPECT_EQ(Status(c.RR(Mr(0x52, kCmPath, outer))).first, 0x08);
     for (const Case &k : cases) {
         const Bytes mr = c.RR(k.mr);
         SCOPED_TRACE(HexBytes(k.mr));
@@ -355,6 +366,22 @@ TEST_F(SimServer, UnknownConnectionsAnsweredWhenAskedAndIdleConnectionsClosed) {
     r = c.Unit(ot_id, 0, Mr(0x55, kVariablePath));
     ASSERT_TRUE(r);
     EXPECT_EQ(Status(r->UnitMr()), std::make_pair(uint8_t(0x01), uint16_t(0x0107)));
+}
+
+TEST_F(SimServer, SilentClientsAreClosedUnlessTheyHoldAConnection) {
+    ServerOptions options;
+    options.inactivity_timeout = std::chrono::milliseconds(200);
+    Start(options);
+    Client idle(port_), half(port_), holder(port_);
+    half.Send({0x65, 0, 4});
+    holder.Register();
+    holder.Open();
+    EXPECT_TRUE(idle.ClosedByPeer());
+    EXPECT_TRUE(half.ClosedByPeer()) << "a message begun and never finished";
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    const auto r = holder.Exchange(kListServices, 0, {});
+    ASSERT_TRUE(r) << "closed although its session holds a connection";
+    EXPECT_EQ(r->command, kListServices);
 }
 
 TEST(SimConnectionTimeout, IsTheRpiTimesTheCodedMultiplier) {
