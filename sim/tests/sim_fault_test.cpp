@@ -118,8 +118,12 @@ TEST_F(SimFaults, WhatAClientReceives) {
         Client c(server_->port());
         const uint32_t session = c.Register();
         Set(k.fault);
+        const uint64_t applied = stats_.faults_applied;
         c.Send(Encap(kRRData, session, RRBody(kGetAll)));
         k.check(c, session);
+        // The request met the fault (a register fault waits for a register).
+        EXPECT_EQ(stats_.faults_applied - applied,
+                  std::string(k.fault).rfind("register:", 0) == 0 ? 0u : 1u);
         server_->faults().Clear();
     }
 }

@@ -388,7 +388,7 @@ TEST(SimConnectionTimeout, IsTheRpiTimesTheCodedMultiplier) {
     using std::chrono::microseconds;
     EXPECT_EQ(ConnectionTimeout(10000, 0), microseconds(40000));
     EXPECT_EQ(ConnectionTimeout(10000, 1), microseconds(80000));
-    EXPECT_EQ(ConnectionTimeout(7236392, 7), microseconds(uint64_t(7236392) * 512));
+    EXPECT_EQ(ConnectionTimeout(7236392, 7), microseconds(3705032704));
 }
 
 TEST_F(SimServer, GarbageGetsAnErrorOrADisconnectAndOthersAreStillServed) {

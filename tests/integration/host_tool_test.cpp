@@ -334,7 +334,9 @@ TEST_F(HostTool, InterruptEndsAWaitingCallAtOnce) {
         execv(argv[0], argv.data());
         _exit(127);
     }
-    ::usleep(500000);
+    // Interrupted only once it waits for the reply that will not come.
+    for (int i = 0; i < 1000 && sim.Stat("register_requests") == 0; ++i) ::usleep(10000);
+    ASSERT_EQ(sim.Stat("register_requests"), 1u);
     const auto sent = std::chrono::steady_clock::now();
     ::kill(pid, SIGINT);
     int status = 0;

@@ -190,7 +190,8 @@ TEST_F(TagListTest, ParseTouchesNothingAndBuildFillsTheSlots) {
     EXPECT_EQ(b.counts[0], 2u);
     EXPECT_EQ(b.counts[1], 0x44000u);
     ASSERT_EQ(b.groups.size(), 3u);
-    EXPECT_EQ(b.groups[0].count * 100 + b.groups[1].count * 10 + b.groups[2].count, 321);
+    EXPECT_EQ((std::vector<uint32_t>{b.groups[0].count, b.groups[1].count, b.groups[2].count}),
+              (std::vector<uint32_t>{3, 2, 1}));
     EXPECT_STREQ(b.groups[0].tags[2].name, "I2");
     EXPECT_STREQ(b.plain[1].name, "P1");
     EXPECT_EQ((std::vector<uint32_t>{groupID_table[0], groupID_table[1], groupID_table[2],
