@@ -26,6 +26,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::require(fuzz::inside(reply.data_item, message.data, message.size), "item inside");
     const wire::Reader item(reply.data_item);
     fuzz::require(item.u16_at(2).value_or(0xFFFF) + 4u == reply.data_item.size, "item length");
+    const wire::Reader in(message);
+    const auto address = _GetAdressItem(message);
+    fuzz::require(in.u16_at(0) == kEncapSendUnitData && address &&
+                      in.u32_at(*address + 4) == to_conn_id,
+                  "a SendUnitData on our connection");
     if (reply.match == ReplyMatch::Ours)
         fuzz::require(item.u16_at(4) == sequence, "our sequence count");
     return 0;

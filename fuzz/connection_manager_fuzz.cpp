@@ -16,7 +16,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                       "only the open's reply grants a connection");
         fuzz::require(view->general_status == 0 && view->data.size >= 8, "a successful reply");
         fuzz::require(wire::Reader(view->data).u32_at(0) == ids->ot_conn_id, "the first id");
+        fuzz::require(wire::Reader(view->data).u32_at(4) == ids->to_conn_id, "the second id");
     }
-    (void)check_mr_reply(view, cip::kServiceForwardClose);
+    if (check_mr_reply(view, cip::kServiceForwardClose) == ReplyCheck::Ok)
+        fuzz::require(view->service == cip::reply_service(cip::kServiceForwardClose) &&
+                          view->general_status == 0,
+                      "only the close's own successful reply closes");
     return 0;
 }
