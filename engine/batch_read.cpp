@@ -26,10 +26,7 @@ const TagTable *batch_table(const DriverSettings *settings, PlcRequest *requests
         find_or_build_tagtable(settings, requests[0], kBatchLines, true, file_name);
     if (table == nullptr) return nullptr;
     for (int32_t i = 0; i < count; ++i) {
-        const uint32_t tag_id = OMRON_TEMP[size_t(i)].tag_id;
-        // The message of a refused id comes from the full check.
-        if (!tag_id_in_table(*table, tag_id) &&
-            !check_tag_id(*table, tag_id, file_name, kBatchLines, true))
+        if (!check_tag_id(*table, OMRON_TEMP[size_t(i)].tag_id, file_name, kBatchLines, true))
             return nullptr;
     }
     return table;

@@ -139,8 +139,8 @@ void make_batch_plan(const TagTable &table, const PlcRequest *records, int32_t n
         item.run = OMRON_TEMP[i];
         item.first_record = static_cast<uint16_t>(i);
         item.entry = find_entry(table, item.run.tag_id);
-        item.key = HandleKey{table.serial, item.run.tag_id,
-                             is_bool_array(*item.entry) ? item.run.element : kWholeVariable};
+        item.key =
+            handle_key(table.serial, item.run.tag_id, item.run.element, is_bool_array(*item.entry));
         item.geometry = item_geometry(*item.entry, item.run.element, item.run.count);
     }
     plan.items = static_cast<uint16_t>(k);

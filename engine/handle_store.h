@@ -26,6 +26,13 @@ struct HandleKey {
     }
 };
 
+// The key of a variable's handle: one element of a BOOL array resolved by
+// itself has a handle of its own, every other request shares the whole
+// variable's.
+inline HandleKey handle_key(uint32_t table, uint32_t tag_id, uint32_t element, bool by_element) {
+    return HandleKey{table, tag_id, by_element ? element : kWholeVariable};
+}
+
 // A 32-bit mix of every field: the panel's size_t is 32 bits wide, and a key
 // folded by truncation would put whole lists into one bucket.
 struct HandleKeyHash {

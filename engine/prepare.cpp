@@ -54,7 +54,7 @@ Status OMRON_INIT_REQ(ControllerLink &link, const TagTable &table) {
     // Handles are kept only once every request has been answered.
     for (size_t k = 0; k < total; ++k) {
         const InitTagEntry &e = INIT_TAG[k];
-        const HandleKey key{table.serial, e.tag_id, e.by_element ? e.element : kWholeVariable};
+        const HandleKey key = handle_key(table.serial, e.tag_id, e.element, e.by_element);
         if (queue_data_link(INIT_RET_DATA, key, handles[k]) < 0) return Status::CommFailure;
     }
     return Status::Ok;

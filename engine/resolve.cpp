@@ -31,8 +31,7 @@ Status find_single_target(const DriverSettings *settings, PlcRequest &request, c
     // every other request resolves the whole variable.
     const bool by_element =
         data.count == 1 && dim_kind(entry) != DimKind::Scalar && entry.bits == 1;
-    target.key =
-        HandleKey{table->serial, target.tag_id, by_element ? target.element : kWholeVariable};
+    target.key = handle_key(table->serial, target.tag_id, target.element, by_element);
     if (by_element) {
         if (!bool_element_name(entry, target.element, target.name)) return Status::ConfigError;
     } else {

@@ -175,19 +175,14 @@ bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
     // Tag ids from the host's records are at most 0xFFFF for plain tags, so the
     // plain bound below is the same as the batch entry's "tag_num to 0x3FFFE";
     // refusing 0x3FFFF as well keeps every id that passes inside the table.
+    if (tag_id_in_table(table, tag_id)) return true;
     if (tag_id < PLC_INDEXED_TAG_BASE) {
-        if (tag_id < table.tag_num) {
-            return true;
-        }
         if (batch) {
             print_not_exist(tag_id, table.tag_num, lines.plain_missing);
         } else {
             print_not_exist(tag_id, file_name != nullptr ? file_name : "", lines.plain_missing);
         }
         return false;
-    }
-    if (tag_id <= table.max_index_id) {
-        return true;
     }
     if (batch) {
         print_not_exist(tag_id, table.max_index_id, lines.indexed_missing);

@@ -124,7 +124,8 @@ TagTable *find_or_build_tagtable(const DriverSettings *settings, const PlcReques
 // tag_num or max_index_id. Returns true when the id passes.
 bool check_tag_id(const TagTable &table, uint32_t tag_id, const char *file_name,
                   const TagLookupLines &lines, bool batch);
-// check_tag_id's rule alone, without a message.
+// The rule check_tag_id applies: a plain id below tag_num, an indexed one up
+// to max_index_id.
 inline bool tag_id_in_table(const TagTable &table, uint32_t tag_id) {
     return tag_id < PLC_INDEXED_TAG_BASE ? tag_id < table.tag_num : tag_id <= table.max_index_id;
 }

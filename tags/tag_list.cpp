@@ -13,9 +13,6 @@ namespace {
 // Result of the latest successful build: plain tag count, highest indexed id.
 uint32_t temp_count[2];
 
-uint32_t first_id(const IndexedGroup &group) { return group.tags[0].tag_id; }
-uint32_t last_id(const IndexedGroup &group) { return group.tags.back().tag_id; }
-
 // Prints why the list gives no table; false when it does give one.
 bool report_failure(const ParsedTagList &list, const char *path) {
     const TagListRefusal &refusal = list.refusal;

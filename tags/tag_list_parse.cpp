@@ -205,9 +205,9 @@ size_t ParsedTagList::block_owner(size_t g) const {
     if (g >= groups.size() || groups[g].tags.empty()) {
         return g;
     }
-    const uint32_t block = id_block(groups[g].tags[0].tag_id);
+    const uint32_t block = id_block(first_id(groups[g]));
     for (size_t h = groups.size(); h-- > g + 1;) {
-        if (!groups[h].tags.empty() && id_block(groups[h].tags[0].tag_id) == block) {
+        if (!groups[h].tags.empty() && id_block(first_id(groups[h])) == block) {
             return h;
         }
     }

@@ -31,6 +31,10 @@ struct IndexedGroup {
     std::vector<TagEntry> tags;
 };
 
+// The first and last tag id of a group that holds tags.
+inline uint32_t first_id(const IndexedGroup &group) { return group.tags.front().tag_id; }
+inline uint32_t last_id(const IndexedGroup &group) { return group.tags.back().tag_id; }
+
 enum class TagListStatus {
     Accepted,
     CannotOpen, // no such file, no permission: worth trying again later

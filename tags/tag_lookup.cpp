@@ -7,9 +7,6 @@ namespace plc {
 
 namespace {
 
-uint32_t first_id(const IndexedGroup &group) { return group.tags[0].tag_id; }
-uint32_t last_id(const IndexedGroup &group) { return group.tags.back().tag_id; }
-
 bool holds(const IndexedGroup &group, uint32_t tag_id) {
     if (group.tags.empty() || tag_id < first_id(group)) {
         return false;
