@@ -180,7 +180,7 @@ for g in "${groups[@]}"; do
     # System calls on x86: the lines between a region's markers.
     if command -v strace >/dev/null; then
         strace -f -qq -o "$out/$g.strace" \
-            "$bench" count "$g" --polls "$tool_polls" --stats "$work/stats" >"$out/$g.strace.R" ||
+            "$bench" count "$g" --polls "$tool_polls" --reps 5 --stats "$work/stats" >"$out/$g.strace.R" ||
             die "count $g under strace"
         awk 'function id_of(line,  k, a) { sub(/\) += -1 EBADF.*/, "", line); k = split(line, a, ", ")
                  return a[k] + 0 }
@@ -193,7 +193,7 @@ for g in "${groups[@]}"; do
     if [[ -n "$callgrind" ]]; then
         rm -f "$out/$g.cg".*
         valgrind --tool=callgrind --instr-atstart=no --callgrind-out-file="$out/$g.cg.%p" \
-            "$bench" count "$g" --polls "$tool_polls" --stats "$work/stats" \
+            "$bench" count "$g" --polls "$tool_polls" --reps 5 --stats "$work/stats" \
             >"$out/$g.cg.R" 2>"$out/$g.cg.log" || die "count $g under callgrind"
         for f in "$out/$g.cg".*.*; do
             [[ $f == *.R || $f == *.log ]] && continue
@@ -204,7 +204,7 @@ for g in "${groups[@]}"; do
     # Instructions and system calls on ARM.
     if [[ -n "$arm" ]]; then
         qemu-arm -L /usr/arm-linux-gnueabi -plugin "$plugin,out=$out/$g.arm.txt" \
-            "$arm_bench" count "$g" --polls "$tool_polls" --stats "$work/stats" >"$out/$g.arm.R" ||
+            "$arm_bench" count "$g" --polls "$tool_polls" --reps 5 --stats "$work/stats" >"$out/$g.arm.R" ||
             die "count $g under qemu-arm"
         awk '$1 == "region" { print $2, $3 }' "$out/$g.arm.txt" |
             per_op "$g" insn_arm "$out/$g.arm.R" >>"$out/metrics.txt"
