@@ -37,21 +37,8 @@ done
 
 # ------------------------------------------------------------------ outside
 if [[ -z "${inside:-}" ]]; then
-    needed=(cmake g++ make iproute2 libgtest-dev)
-    missing=()
-    for p in "${needed[@]}"; do
-        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' ||
-            missing+=("$p")
-    done
-    if [[ ${#missing[@]} -gt 0 ]]; then
-        if [[ $(id -u) -ne 0 ]]; then
-            echo "missing packages: ${missing[*]} (install them, or run as root)" >&2
-            exit 1
-        fi
-        export DEBIAN_FRONTEND=noninteractive
-        apt-get update </dev/null
-        apt-get install -y --no-install-recommends "${missing[@]}" </dev/null
-    fi
+    source "$root/scripts/common.sh"
+    ensure_packages cmake g++ make iproute2 libgtest-dev || exit 1
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DPLC_BUILD_TESTS=ON -DPLC_BUILD_BENCH=OFF -DPLC_BUILD_TOOLS=ON >/dev/null
     cmake --build "$build" -j2 --target plc_driver plc-sim plc-soak-host
