@@ -193,6 +193,8 @@ TEST_F(TagListTest, ParseTouchesNothingAndBuildFillsTheSlots) {
     EXPECT_EQ((std::vector<uint32_t>{b.groups[0].count, b.groups[1].count, b.groups[2].count}),
               (std::vector<uint32_t>{3, 2, 1}));
     EXPECT_STREQ(b.groups[0].tags[2].name, "I2");
+    EXPECT_EQ(b.groups[1].tags[1].tag_id, 270337u);
+    EXPECT_EQ(b.groups[2].tags[0].hi1, 6) << "the upper bound of a 64-bit array, doubled";
     EXPECT_STREQ(b.plain[1].name, "P1");
     EXPECT_EQ((std::vector<uint32_t>{groupID_table[0], groupID_table[1], groupID_table[2],
                                      groupID_table[7]}),
